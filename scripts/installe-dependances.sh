@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Installs every Debian package the build, the tests and the demo need.
+# Idempotent and non-interactive: packages already present are left alone,
+# and nothing asks a question (the servers are never started by the packages;
+# tests and the demo start their own private instances).
+set -euo pipefail
+
+paquets=(
+  build-essential g++ cmake ninja-build pkg-config
+  libldap-dev libpcre2-dev
+  libgtest-dev libgmock-dev googletest libbenchmark-dev
+  clang libclang-rt-dev
+  slapd ldap-utils
+  cyrus-imapd cyrus-admin sasl2-bin python3
+  postfix
+)
+
+manquants=()
+for p in "${paquets[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || manquants+=("$p")
+done
+if [ ${#manquants[@]} -eq 0 ]; then
+  echo "installe-dependances: tout est deja installe"
+  exit 0
+fi
+
+SUDO=""
+[ "$(id -u)" -eq 0 ] || SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+# Servers installed from packages must not start as system services here:
+# a policy-rc.d that forbids starts keeps the machine quiet (tests start
+# their own instances as plain processes).
+if [ ! -e /usr/sbin/policy-rc.d ]; then
+  printf '#!/bin/sh\nexit 101\n' | $SUDO tee /usr/sbin/policy-rc.d >/dev/null
+  $SUDO chmod 755 /usr/sbin/policy-rc.d
+  retire_politique=1
+fi
+printf '%s\n' "slapd slapd/no_configuration boolean true" \
+  "postfix postfix/main_mailer_type select No configuration" | $SUDO debconf-set-selections
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends \
+  -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold \
+  "${manquants[@]}"
+if [ "${retire_politique:-0}" = 1 ]; then $SUDO rm -f /usr/sbin/policy-rc.d; fi
+echo "installe-dependances: installe ${manquants[*]}"

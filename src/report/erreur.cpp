@@ -1,0 +1,155 @@
+// erreur.cpp - TraitementErreur: report a failure and decide the exit status.
+//
+// One call formats the message, writes " !ERR:%d, %s\n" to standard error,
+// logs the message (as an argument, never as a format) at the level's
+// priority, writes the dump file once a header exists, and then, by level:
+//   <= 2   exit 75;
+//   3      incident notice and exit 0, or the message again on standard error
+//          and exit 65 (main server) / 0 (elsewhere);
+//   -3     as 3 without ending the process;
+//   >= 4   return.
+// Dump files: <spool>Erreurs/ERR.remise.<pid>.XXXXXX (levels up to 3) or
+// ATT.remise.<pid>.XXXXXX (above 3), created exclusively with owner-only
+// permissions; the name is built in a TAILLE_TEXTE buffer and a name that
+// does not fit is not created (a cut name could land outside the spool).
+// A dump that cannot be written is skipped silently: the report goes on.
+#include "report/report.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "message/message.h"
+
+namespace {
+
+// What the dump file says happens after the report, by level.
+struct ActionNiveau {
+    int i_Niveau;
+    const char *pc_Action;
+};
+const ActionNiveau st_Actions[] = {
+    {2, "LOG_CRIT, pour nouvelle tentative par Postfix"},
+    {3, "LOG_ERR, pour avis de non remise"},
+    {4, "LOG_WARN, avertissement mais poursuite de la remise"},
+};
+const char *const PC_ACTION_INCONNUE = "LOG_???, niveau non prevu";
+
+// Action text of a (positive) level.
+const char *TexteAction(int i_Niveau) {
+    for (const ActionNiveau &st : st_Actions)
+        if (st.i_Niveau == i_Niveau) return st.pc_Action;
+    return PC_ACTION_INCONNUE;
+}
+
+// System-log priority of a (positive) level: the level itself, kept within
+// the priority range.
+int PrioriteSyslog(int i_Niveau) {
+    if (i_Niveau > LOG_DEBUG) return LOG_DEBUG;
+    return i_Niveau;
+}
+
+// Writes one header list into the dump with its prefix.
+void DumpListe(FILE *pf, const Entete *pet, const char *pc_Prefixe) {
+    for (; pet != nullptr; pet = pet->pet_Suivant)
+        fprintf(pf, "%s%s", pc_Prefixe, pet->pc_Ligne != nullptr ? pet->pc_Ligne : "");
+}
+
+// Writes the dump file for this report into pc_Nom (TAILLE_TEXTE bytes);
+// leaves pc_Nom empty when no file was written.
+void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
+    pc_Nom[0] = '\0';
+    if (gpet_EnteteMessOrigine == nullptr && gpet_EnteteMess == nullptr) return;
+
+    const char *pc_Type = i_Niveau <= NIVEAU_ERREUR ? "ERR" : "ATT";
+    int i_Long = snprintf(pc_Nom, TAILLE_TEXTE, "%sErreurs/%s.remise.%d.XXXXXX", gpc_RacineSpool,
+                          pc_Type, static_cast<int>(getpid()));
+    if (i_Long < 0 || static_cast<std::size_t>(i_Long) >= TAILLE_TEXTE) {
+        pc_Nom[0] = '\0';
+        return;
+    }
+    int i_Fd = mkstemp(pc_Nom);
+    if (i_Fd < 0) {
+        pc_Nom[0] = '\0';
+        return;
+    }
+    FILE *pf = fdopen(i_Fd, "w");
+    if (pf == nullptr) {
+        close(i_Fd);
+        return;
+    }
+    fprintf(pf, "%s\n\nAction: %s\n\n", pc_Message, TexteAction(i_Niveau));
+    fputs("__DEBUT_DESTINATAIRES__\n", pf);
+    for (int i = 0; gtpc_RcptTo != nullptr && gtpc_RcptTo[i] != nullptr; i++)
+        fprintf(pf, "Dest[%d]=<%s>\n", i + 1, gtpc_RcptTo[i]);
+    fputs("__FIN_DESTINATAIRES__\n\n", pf);
+    fputs("__DEBUT_ENTETE_ORIGINE__\n", pf);
+    DumpListe(pf, gpet_EnteteMessOrigine, "O>");
+    fputs("__FIN_ENTETE_ORIGINE__\n\n", pf);
+    fputs("__DEBUT_ENTETE_TRAVAIL__\n", pf);
+    DumpListe(pf, gpet_EnteteMess, "T>");
+    fputs("__FIN_ENTETE_TRAVAIL__\n\n", pf);
+    fclose(pf);
+}
+
+}  // namespace
+
+// Flushes the standard streams and ends the process with the status.
+void FinProcessus(int i_Statut) {
+    fflush(stdout);
+    fflush(stderr);
+    exit(i_Statut);
+}
+
+// Reports a failure or a warning; see the unit's heading for the levels.
+void TraitementErreur(int i_Niveau, const char *pc_Format, ...) {
+    // 1. Format; an unformattable message is the format text itself.
+    char *pc_Alloue = nullptr;
+    va_list ap;
+    va_start(ap, pc_Format);
+    int i_Res = vasprintf(&pc_Alloue, pc_Format, ap);
+    va_end(ap);
+    if (i_Res < 0) pc_Alloue = nullptr;
+    const char *pc_Message = pc_Alloue != nullptr ? pc_Alloue : pc_Format;
+
+    // 2. Standard error, with the level as given.
+    fprintf(stderr, " !ERR:%d, %s\n", i_Niveau, pc_Message);
+
+    // 3. A negative level reports as its positive value and goes on.
+    bool b_Poursuite = false;
+    if (i_Niveau < 0) {
+        i_Niveau = -i_Niveau;
+        b_Poursuite = true;
+    }
+
+    // 4. System log.
+    syslog(PrioriteSyslog(i_Niveau), "%s", pc_Message);
+
+    // 5-6. Dump file, once a header exists.
+    char pc_NomDump[TAILLE_TEXTE];
+    EcritDump(i_Niveau, pc_Message, pc_NomDump);
+
+    // 7. Temporary failure: Postfix keeps the message.
+    if (i_Niveau <= NIVEAU_CRITIQUE) FinProcessus(STATUT_REESSAI);
+
+    // 8. Refusal: notice to the sender, or the text for Postfix's bounce.
+    bool b_AvisPose = false;
+    if (i_Niveau == NIVEAU_ERREUR) {
+        int i_AvantAvis = si_ErreurEnCours;
+        int i_Avis = AvisIncident(pc_Message, pc_NomDump);
+        b_AvisPose = i_AvantAvis == 0 && si_ErreurEnCours != 0;
+        if (i_Avis && !b_Poursuite) FinProcessus(STATUT_FAIT);
+        fprintf(stderr, "%s\n", pc_Message);
+        if (!b_Poursuite) FinProcessus(gi_OnEstSurServeurPrincipal ? STATUT_REFUS : STATUT_FAIT);
+    }
+
+    // 9. The run goes on.
+    free(pc_Alloue);
+    if (b_AvisPose) si_ErreurEnCours = 0;
+}

@@ -1,0 +1,41 @@
+// report.h - error reporting and exit status.
+//
+// TraitementErreur is the single reporting operation: every failure and
+// warning of the program goes through it with a level and a printf-style
+// message beginning "v1.1.0/NNNN: ".  The level decides what Postfix is told:
+//   level <= 2  critical, ERR. dump, exit 75 (retry the whole message);
+//   level 3     error, ERR. dump, incident notice then exit 0, or the message
+//               on standard error and exit 65 (main server) / 0 (other);
+//   level -3    as 3, but the call returns and the run goes on;
+//   level >= 4  warning, ATT. dump, the call returns.
+// Every report writes " !ERR:%d, %s\n" to standard error, the message to the
+// system log, and, once a header exists, a dump file under the spool's
+// Erreurs/ (owner-only, unique name).
+//
+// AvisIncident is the incident notice sent to the sender for level 3 and -3;
+// si_ErreurEnCours keeps a failure during a notice from sending another one.
+#pragma once
+
+// Exit statuses Postfix acts on, and the one of the maintenance forms.
+constexpr int STATUT_FAIT = 0;
+constexpr int STATUT_MAINTENANCE = 1;
+constexpr int STATUT_REFUS = 65;     // return the message to its sender
+constexpr int STATUT_REESSAI = 75;   // keep the message and retry later
+
+// Reporting levels.
+constexpr int NIVEAU_CRITIQUE = 2;
+constexpr int NIVEAU_ERREUR = 3;
+constexpr int NIVEAU_ERREUR_SUITE = -3;
+constexpr int NIVEAU_AVERTISSEMENT = 4;
+
+void TraitementErreur(int i_Niveau, const char *pc_Format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+// Ends the process with the given status after flushing standard streams.
+[[noreturn]] void FinProcessus(int i_Statut);
+
+// Set while an incident notice is being sent.
+extern int si_ErreurEnCours;
+
+// Sends the incident notice for a level-3 report; 1 when it counts as sent.
+int AvisIncident(const char *pc_Message, const char *pc_FichierDebug);

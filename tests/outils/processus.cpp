@@ -1,0 +1,137 @@
+// processus.cpp - child processes for whole-program tests (see processus.h).
+#include "processus.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <sstream>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
+
+namespace {
+
+// Reads what is available on a descriptor into the text; false at its end.
+bool LitDisponible(int i_Fd, std::string &s) {
+    char pc[65536];
+    ssize_t n = read(i_Fd, pc, sizeof pc);
+    if (n > 0) {
+        s.append(pc, static_cast<std::size_t>(n));
+        return true;
+    }
+    return n < 0 && (errno == EINTR || errno == EAGAIN);
+}
+
+}  // namespace
+
+ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const std::string &s_Entree,
+                                 int i_LimiteSecondes, const std::vector<std::string> &v_Env) {
+    ResultatProcessus r;
+    int t_In[2], t_Out[2], t_Err[2];
+    if (pipe2(t_In, O_CLOEXEC) || pipe2(t_Out, O_CLOEXEC) || pipe2(t_Err, O_CLOEXEC)) return r;
+
+    std::vector<std::string> v_Env2;
+    for (char **pp = environ; *pp != nullptr; pp++) v_Env2.emplace_back(*pp);
+    for (const std::string &s : v_Env) v_Env2.push_back(s);
+    std::vector<char *> v_A, v_E;
+    for (const std::string &s : v_Argv) v_A.push_back(const_cast<char *>(s.c_str()));
+    v_A.push_back(nullptr);
+    for (const std::string &s : v_Env2) v_E.push_back(const_cast<char *>(s.c_str()));
+    v_E.push_back(nullptr);
+
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(t_In[0], 0);
+        dup2(t_Out[1], 1);
+        dup2(t_Err[1], 2);
+        signal(SIGPIPE, SIG_DFL);
+        signal(SIGALRM, SIG_DFL);
+        sigset_t m;
+        sigemptyset(&m);
+        sigprocmask(SIG_SETMASK, &m, nullptr);
+        execve(v_A[0], v_A.data(), v_E.data());
+        _exit(127);
+    }
+    r.i_Pid = pid;
+    close(t_In[0]);
+    close(t_Out[1]);
+    close(t_Err[1]);
+    fcntl(t_In[1], F_SETFL, O_NONBLOCK);
+
+    auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
+    std::size_t t_Ecrit = 0;
+    int i_In = t_In[1];
+    if (s_Entree.empty()) {
+        close(i_In);
+        i_In = -1;
+    }
+    bool b_Out = true, b_Err = true;
+    void (*p_Ancien)(int) = signal(SIGPIPE, SIG_IGN);
+    while (b_Out || b_Err) {
+        auto t_Reste = std::chrono::duration_cast<std::chrono::milliseconds>(
+            t_Fin - std::chrono::steady_clock::now());
+        if (t_Reste.count() <= 0) {
+            kill(pid, SIGKILL);
+            r.b_Expire = true;
+            break;
+        }
+        pollfd t_P[3];
+        int n = 0;
+        int i_POut = -1, i_PErr = -1, i_PIn = -1;
+        if (b_Out) { t_P[n] = {t_Out[0], POLLIN, 0}; i_POut = n++; }
+        if (b_Err) { t_P[n] = {t_Err[0], POLLIN, 0}; i_PErr = n++; }
+        if (i_In >= 0) { t_P[n] = {i_In, POLLOUT, 0}; i_PIn = n++; }
+        int i_Res = poll(t_P, static_cast<nfds_t>(n), static_cast<int>(std::min<long>(t_Reste.count(), 1000)));
+        if (i_Res < 0 && errno != EINTR) break;
+        if (i_Res <= 0) continue;
+        if (i_POut >= 0 && t_P[i_POut].revents) b_Out = LitDisponible(t_Out[0], r.s_Sortie);
+        if (i_PErr >= 0 && t_P[i_PErr].revents) b_Err = LitDisponible(t_Err[0], r.s_Erreur);
+        if (i_PIn >= 0 && t_P[i_PIn].revents) {
+            ssize_t w = write(i_In, s_Entree.data() + t_Ecrit, s_Entree.size() - t_Ecrit);
+            if (w > 0) t_Ecrit += static_cast<std::size_t>(w);
+            if (w < 0 && errno != EAGAIN && errno != EINTR) t_Ecrit = s_Entree.size();
+            if (t_Ecrit >= s_Entree.size()) {
+                close(i_In);
+                i_In = -1;
+            }
+        }
+    }
+    signal(SIGPIPE, p_Ancien);
+    if (i_In >= 0) close(i_In);
+    close(t_Out[0]);
+    close(t_Err[0]);
+    int i_Etat = 0;
+    while (waitpid(pid, &i_Etat, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(i_Etat)) r.i_Statut = WEXITSTATUS(i_Etat);
+    if (WIFSIGNALED(i_Etat)) r.i_Signal = WTERMSIG(i_Etat);
+    return r;
+}
+
+std::vector<std::string> FichiersCommencantPar(const std::string &s_Repertoire,
+                                               const std::string &s_Prefixe) {
+    std::vector<std::string> v;
+    DIR *pd = opendir(s_Repertoire.c_str());
+    if (pd == nullptr) return v;
+    while (dirent *pe = readdir(pd)) {
+        std::string s = pe->d_name;
+        if (s.compare(0, s_Prefixe.size(), s_Prefixe) == 0) v.push_back(s_Repertoire + "/" + s);
+    }
+    closedir(pd);
+    std::sort(v.begin(), v.end());
+    return v;
+}
+
+std::string LitFichier(const std::string &s_Chemin) {
+    std::ifstream f(s_Chemin, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
