@@ -1,5 +1,248 @@
 // entete.cpp - header line lists and the message reader.
+//
+// A message is a singly linked list of Entete nodes, one line (or one piece
+// of at most TAILLE_LECTURE - 1 = 1023 bytes) per node, line feed included;
+// a folded header field is one node holding its continuation lines.
+//
+//   ChargeLigne(cursor, text, min)  inserts a node after the cursor's node;
+//       copies the text into max(min, length + 1) bytes, or adopts the
+//       pointer itself when min is ADOPTE_TEXTE.  Returns the node.
+//   LitEntete(head)      reads standard input (stdio, 1023-byte pieces) up to
+//       and including the empty line; continuation pieces are joined.
+//   LitMessage(list, f)  appends the rest of f, piece by piece.
+//   LigneEnteteVide      0 for a non-empty line; 1 null, 2 "", 3 "\n...", 4 "\r\n".
+//   VerifLigneEOL        cuts a doubled line end to a single one, in place.
+//   RecupEntete / RecupLigneEntete / RecupValeurEntete: case-insensitive
+//       prefix lookups from a given node; the value of an absent header is
+//       the shared read-only "\n".
+//   RecupValeur          copies the part between two delimiter sets; returns
+//       the number of characters copied (bounded by the output size - 1).
+//
+// Messages:
+//   1665 (level 2) node allocation, 1677 (level 2) line allocation,
+//   1789 (level 2) growth of a folded field, 1783 (level 4) end of input
+//   before the empty line, 1807 (syslog notice) body loaded into memory,
+//   1785 / 1811 (level 2) read error on the input stream while reading the
+//   header / the body: a message only partly read is never delivered, so the
+//   run ends and Postfix retries it.
+//
+// Nothing here frees memory: one process handles one message and exits.
+// Bytes after a NUL inside a piece are not kept (lines are C texts).
 #include "message/message.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+#include <syslog.h>
+
+#include "driver/driver.h"
+#include "report/report.h"
 
 Entete *gpet_EnteteMessOrigine = nullptr;
 Entete *gpet_EnteteMess = nullptr;
+
+namespace {
+
+// The value of every absent header: read-only and shared.
+constexpr char PC_VALEUR_ABSENTE[] = "\n";
+
+// Growth state of the node being joined with its continuation lines: the
+// text's length and its allocated size, so that a field folded over many
+// lines is joined in linear time (the size grows geometrically, always at
+// least to length + piece + 2 bytes).
+struct Cumul {
+    Entete *pet_Noeud = nullptr;
+    std::size_t t_Longueur = 0;
+    std::size_t t_Taille = 0;
+};
+
+// Appends a continuation piece to the node of the cumul.
+void AjouteSuite(Cumul *pst, const char *pc_Piece, std::size_t t_Piece) {
+    std::size_t t_Besoin = pst->t_Longueur + t_Piece + 2;
+    if (t_Besoin > pst->t_Taille) {
+        std::size_t t_Nouvelle = std::max(t_Besoin, 2 * pst->t_Taille);
+        char *pc = static_cast<char *>(realloc(pst->pet_Noeud->pc_Ligne, t_Nouvelle));
+        if (pc == nullptr) {
+            int i_Err = errno;
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1789: Erreur Realloc Entete Ligne, errno=%d (%s). %s", i_Err,
+                             strerror(i_Err), gPc_InfoMessEnCours);
+            return;
+        }
+        pst->pet_Noeud->pc_Ligne = pc;
+        pst->t_Taille = t_Nouvelle;
+    }
+    memcpy(pst->pet_Noeud->pc_Ligne + pst->t_Longueur, pc_Piece, t_Piece + 1);
+    pst->t_Longueur += t_Piece;
+}
+
+}  // namespace
+
+// Inserts a node after the cursor's node; see the unit's heading.
+Entete *ChargeLigne(Entete **ppet_Curseur, const char *pc_Texte, std::size_t t_TailleMin) {
+    Entete *pet_Courant = *ppet_Curseur;
+    Entete *pet_Apres = pet_Courant != nullptr ? pet_Courant->pet_Suivant : nullptr;
+
+    Entete *pet = static_cast<Entete *>(malloc(sizeof(Entete)));
+    if (pet == nullptr) {
+        int i_Err = errno;
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1665: Erreur Malloc Structure Entete, errno=%d (%s). %s", i_Err,
+                         strerror(i_Err), gPc_InfoMessEnCours);
+        return nullptr;
+    }
+    pet->pet_Suivant = nullptr;
+
+    if (t_TailleMin == ADOPTE_TEXTE) {
+        pet->pc_Ligne = const_cast<char *>(pc_Texte);
+    } else {
+        if (pc_Texte == nullptr) pc_Texte = "";
+        std::size_t t_Long = strlen(pc_Texte);
+        std::size_t t_Taille = std::max(t_TailleMin, t_Long + 1);
+        pet->pc_Ligne = static_cast<char *>(malloc(t_Taille));
+        if (pet->pc_Ligne == nullptr) {
+            int i_Err = errno;
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1677: Erreur Malloc Entete Ligne, taille=%d, errno=%d (%s). %s",
+                             static_cast<int>(t_Taille), i_Err, strerror(i_Err),
+                             gPc_InfoMessEnCours);
+            free(pet);
+            return nullptr;
+        }
+        memcpy(pet->pc_Ligne, pc_Texte, t_Long + 1);
+    }
+
+    if (pet_Courant != nullptr) {
+        pet_Courant->pet_Suivant = pet;
+        pet->pet_Suivant = pet_Apres;
+    }
+    *ppet_Curseur = pet;
+    return pet;
+}
+
+// Reads the header from standard input up to and including the empty line.
+void LitEntete(Entete **ppet_Tete) {
+    Entete *pet_Curseur = *ppet_Tete;
+    Cumul st_Cumul;
+    char pc_Piece[TAILLE_LECTURE];
+
+    for (;;) {
+        if (fgets(pc_Piece, sizeof pc_Piece, stdin) == nullptr) {
+            if (ferror(stdin)) {
+                int i_Err = errno;
+                TraitementErreur(NIVEAU_CRITIQUE,
+                                 "v1.1.0/1785: Erreur lecture entete, errno=%d (%s). %s", i_Err,
+                                 strerror(i_Err), gPc_InfoMessEnCours);
+                return;
+            }
+            TraitementErreur(NIVEAU_AVERTISSEMENT,
+                             "v1.1.0/1783: EOF avant ligne de fin d'entete. %s",
+                             gPc_InfoMessEnCours);
+            return;
+        }
+        std::size_t t_Piece = strlen(pc_Piece);
+
+        // Continuation of the field in hand.
+        if ((pc_Piece[0] == ' ' || pc_Piece[0] == '\t') && pet_Curseur != nullptr) {
+            if (st_Cumul.pet_Noeud != pet_Curseur) {
+                st_Cumul.pet_Noeud = pet_Curseur;
+                st_Cumul.t_Longueur = strlen(pet_Curseur->pc_Ligne);
+                st_Cumul.t_Taille = st_Cumul.t_Longueur + 1;
+            }
+            AjouteSuite(&st_Cumul, pc_Piece, t_Piece);
+            continue;
+        }
+
+        // A line of its own; the first one becomes the head.
+        Entete *pet = ChargeLigne(&pet_Curseur, pc_Piece, 0);
+        if (*ppet_Tete == nullptr) *ppet_Tete = pet;
+        st_Cumul.pet_Noeud = pet;
+        st_Cumul.t_Longueur = t_Piece;
+        st_Cumul.t_Taille = t_Piece + 1;
+
+        if (LigneEnteteVide(pc_Piece) != 0) return;
+    }
+}
+
+// Appends the rest of the input stream to the list, piece by piece.
+void LitMessage(Entete *pet_Liste, FILE *pf_Entree) {
+    syslog(LOG_NOTICE, "v1.1.0/1807: Chargement du message entier en memoire. %s",
+           gPc_InfoMessEnCours);
+    Entete *pet_Curseur = pet_Liste;
+    while (pet_Curseur != nullptr && pet_Curseur->pet_Suivant != nullptr)
+        pet_Curseur = pet_Curseur->pet_Suivant;
+
+    char pc_Piece[TAILLE_LECTURE];
+    while (fgets(pc_Piece, sizeof pc_Piece, pf_Entree) != nullptr)
+        ChargeLigne(&pet_Curseur, pc_Piece, 0);
+    if (ferror(pf_Entree)) {
+        int i_Err = errno;
+        TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1811: Erreur lecture message, errno=%d (%s). %s",
+                         i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+    }
+}
+
+// Kind of empty line: 0 when not empty; 1 null, 2 "", 3 "\n...", 4 "\r\n".
+int LigneEnteteVide(const char *pc_Texte) {
+    if (pc_Texte == nullptr) return 1;
+    if (pc_Texte[0] == '\0') return 2;
+    if (pc_Texte[0] == '\n') return 3;
+    if (strcmp(pc_Texte, "\r\n") == 0) return 4;
+    return 0;
+}
+
+// Cuts the text right after the first of two consecutive line feeds.
+char *VerifLigneEOL(char *pc_Texte) {
+    if (pc_Texte == nullptr) return nullptr;
+    char *pc = strstr(pc_Texte, "\n\n");
+    if (pc != nullptr) pc[1] = '\0';
+    return pc_Texte;
+}
+
+// First node, from the one given, whose line begins with the name (any case).
+Entete *RecupEntete(Entete *pet_Liste, const char *pc_Nom) {
+    if (pc_Nom == nullptr) return nullptr;
+    std::size_t t_Nom = strlen(pc_Nom);
+    for (Entete *pet = pet_Liste; pet != nullptr; pet = pet->pet_Suivant)
+        if (pet->pc_Ligne != nullptr && strncasecmp(pet->pc_Ligne, pc_Nom, t_Nom) == 0) return pet;
+    return nullptr;
+}
+
+// Same lookup as RecupEntete.
+Entete *RecupLigneEntete(Entete *pet_Liste, const char *pc_Nom) {
+    return RecupEntete(pet_Liste, pc_Nom);
+}
+
+// Value of the first matching header past blanks and tabs, or the shared "\n".
+const char *RecupValeurEntete(Entete *pet_Liste, const char *pc_Nom) {
+    Entete *pet = RecupEntete(pet_Liste, pc_Nom);
+    if (pet == nullptr) return PC_VALEUR_ABSENTE;
+    const char *pc = pet->pc_Ligne + strlen(pc_Nom);
+    while (*pc == ' ' || *pc == '\t') pc++;
+    return pc;
+}
+
+// Copies the text between the first run of opening delimiters and the next
+// closing delimiter (or the end); returns the number of characters copied.
+int RecupValeur(const char *pc_Texte, const char *pc_Ouvrants, const char *pc_Fermants,
+                char *pc_Sortie, std::size_t t_Taille) {
+    if (pc_Sortie == nullptr || t_Taille == 0) return 0;
+    pc_Sortie[0] = '\0';
+    if (pc_Texte == nullptr || pc_Ouvrants == nullptr) return 0;
+    if (pc_Fermants == nullptr) pc_Fermants = pc_Ouvrants;
+
+    const char *pc_Debut = strpbrk(pc_Texte, pc_Ouvrants);
+    if (pc_Debut == nullptr) return 0;
+    pc_Debut += strspn(pc_Debut, pc_Ouvrants);
+
+    // Bound of the copy: up to the closing delimiter or the end of the text,
+    // never more than the output holds.
+    const char *pc_Fin = strpbrk(pc_Debut, pc_Fermants);
+    std::size_t t_Distance = pc_Fin != nullptr ? static_cast<std::size_t>(pc_Fin - pc_Debut)
+                                               : strlen(pc_Debut);
+    std::size_t t_Borne = std::min(t_Distance + 1, t_Taille);
+    if (t_Borne > UINT32_MAX) t_Borne = UINT32_MAX;
+    return _strncpy(pc_Sortie, pc_Debut, static_cast<std::uint32_t>(t_Borne));
+}
