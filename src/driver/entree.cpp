@@ -241,7 +241,8 @@ int RemiseVorane(int argc, char **argv) {
     // 3. Maintenance forms.
     FormesMaintenance(argc, argv);
 
-    // 4. Delivery form.
+    // 4. Delivery form, within the run's time budget.
+    ArmeBudgetExecution();
     OptionsRemise st_Options;
     AnalyseOptions(argc, argv, &st_Options);
 
