@@ -1,0 +1,302 @@
+// commande.cpp - submission of a message through a command.
+//
+// DelivreMessage(message, body, action, argv, status slot) starts the command
+// from its argument vector (fork and execv: no shell ever parses a value, so
+// an address reaches the command as one literal argument whatever bytes it
+// holds), writes every node of the message and then the body stream into its
+// standard input, and waits for it.  A command that cannot be started (the
+// exec failure comes back through a close-on-exec pipe) is a temporary
+// failure, as with a command that could not be opened at all.
+// EnvoiMessage(message, body, sender, recipients) runs sendmail in batches of
+// at most MAX_DEST_LOT recipients whose command text, as logged, fits
+// TAILLE_COMMANDE bytes.
+// Results, messages and levels: see transport.h.
+#include "transport/transport.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "report/report.h"
+
+namespace {
+
+// Body pieces copied into the command.
+constexpr std::size_t TAILLE_MORCEAU_CMD = 32 * 1024;
+
+// Exit codes of the command that call for a retry by Postfix (the command
+// may already hold the message); every other non-zero status refuses it.
+struct NiveauSortie {
+    int i_Code;
+    const char *pc_Nom;
+};
+const NiveauSortie st_CodesReessai[] = {
+    {68, "EX_NOHOST"}, {71, "EX_OSERR"},    {72, "EX_OSFILE"}, {74, "EX_IOERR"},
+    {75, "EX_TEMPFAIL"}, {77, "EX_NOPERM"}, {78, "EX_CONFIG"},
+};
+constexpr const char *PC_ACTION_REESSAI = "Re-tentative, possibilite de depots repetes";
+constexpr const char *PC_ACTION_REFUS = "Bounce";
+
+// Level of a non-zero exit code.
+int NiveauCodeSortie(int i_Code) {
+    for (const NiveauSortie &st : st_CodesReessai)
+        if (st.i_Code == i_Code) return NIVEAU_CRITIQUE;
+    return NIVEAU_ERREUR;
+}
+
+// Writes the bytes whole to the descriptor; 0, or errno.
+int EcritTout(int i_Fd, const char *pc, std::size_t t_Long) {
+    while (t_Long > 0) {
+        ssize_t i_Compte = write(i_Fd, pc, t_Long);
+        if (i_Compte < 0) {
+            if (errno == EINTR) continue;
+            return errno;
+        }
+        pc += i_Compte;
+        t_Long -= static_cast<std::size_t>(i_Compte);
+    }
+    return 0;
+}
+
+// Waits for the child; its whole status, or -1 when the wait fails.
+int AttendFils(pid_t i_Pid) {
+    int i_Etat = 0;
+    pid_t i_Res;
+    do {
+        i_Res = waitpid(i_Pid, &i_Etat, 0);
+    } while (i_Res < 0 && errno == EINTR);
+    return i_Res < 0 ? -1 : i_Etat;
+}
+
+// Stops a command whose input is incomplete, before its input is closed: a
+// submission program that saw an end of input would send a cut message.
+void AbandonneFils(pid_t i_Pid, int i_Fd) {
+    kill(i_Pid, SIGKILL);
+    close(i_Fd);
+    AttendFils(i_Pid);
+}
+
+// Starts the command with its standard input on a new pipe; 0 with the
+// child's pid and the pipe's write end, or the errno of the failure (the
+// exec's own, reported back by the child).
+int LanceCommande(char *const *tpc_Argv, pid_t *pi_Pid, int *pi_Fd) {
+    int t_Entree[2];
+    int t_Retour[2];
+    if (pipe2(t_Entree, O_CLOEXEC) != 0) return errno;
+    if (pipe2(t_Retour, O_CLOEXEC) != 0) {
+        int i_Err = errno;
+        close(t_Entree[0]);
+        close(t_Entree[1]);
+        return i_Err;
+    }
+    pid_t i_Pid = fork();
+    if (i_Pid < 0) {
+        int i_Err = errno;
+        close(t_Entree[0]);
+        close(t_Entree[1]);
+        close(t_Retour[0]);
+        close(t_Retour[1]);
+        return i_Err;
+    }
+    if (i_Pid == 0) {
+        // Child: the pipe becomes standard input; nothing else of this
+        // process (directory connection, spool files) is inherited; the
+        // command starts with no alarm and the default SIGALRM and SIGPIPE.
+        alarm(0);
+        signal(SIGALRM, SIG_DFL);
+        signal(SIGPIPE, SIG_DFL);
+        if (t_Entree[0] != 0) {
+            dup2(t_Entree[0], 0);  // dup2 clears close-on-exec on the copy
+        } else {
+            fcntl(0, F_SETFD, 0);
+        }
+        syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
+        execv(tpc_Argv[0], tpc_Argv);
+        int i_Err = errno;
+        ssize_t i_Ignore = write(t_Retour[1], &i_Err, sizeof i_Err);
+        (void)i_Ignore;
+        _exit(127);
+    }
+    close(t_Entree[0]);
+    close(t_Retour[1]);
+    int i_ErrExec = 0;
+    ssize_t i_Lu;
+    do {
+        i_Lu = read(t_Retour[0], &i_ErrExec, sizeof i_ErrExec);
+    } while (i_Lu < 0 && errno == EINTR);
+    close(t_Retour[0]);
+    if (i_Lu == static_cast<ssize_t>(sizeof i_ErrExec)) {
+        close(t_Entree[1]);
+        AttendFils(i_Pid);
+        return i_ErrExec != 0 ? i_ErrExec : ENOEXEC;
+    }
+    *pi_Pid = i_Pid;
+    *pi_Fd = t_Entree[1];
+    return 0;
+}
+
+}  // namespace
+
+// Pipes the message into the command and maps its exit status.
+void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
+                    char *const *tpc_Argv, int *pi_Statut) {
+    if (pi_Statut != nullptr) *pi_Statut = -1;
+    if (pc_Action == nullptr) pc_Action = "";
+
+    // 1. What is about to run.
+    syslog(LOG_INFO, "v1.1.0/1826:  Action=%d<%s>. %s", static_cast<int>(strlen(pc_Action)),
+           pc_Action, gPc_InfoMessEnCours);
+
+    // 2. Start the command.
+    pid_t i_Pid = 0;
+    int i_Fd = -1;
+    int i_Err = tpc_Argv != nullptr && tpc_Argv[0] != nullptr ? LanceCommande(tpc_Argv, &i_Pid, &i_Fd)
+                                                              : ENOENT;
+    if (i_Err != 0)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1835: Erreur popen commande, errno=%d (%s). %s. Possibilite de "
+                         "depots repetes",
+                         i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+
+    // 3. Every node of the message, in order.
+    for (Entete *pet = pet_Message; pet != nullptr; pet = pet->pet_Suivant) {
+        if (pet->pc_Ligne == nullptr) continue;
+        i_Err = EcritTout(i_Fd, pet->pc_Ligne, strlen(pet->pc_Ligne));
+        if (i_Err != 0) {
+            AbandonneFils(i_Pid, i_Fd);
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1839: Erreur fputs entete vers commande <%s>, errno=%d (%s). "
+                             "%s. Possibilite de depots repetes",
+                             pc_Action, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        }
+    }
+
+    // 4. The body stream to its end.
+    if (pf_Corps != nullptr) {
+        static char s_Morceau[TAILLE_MORCEAU_CMD];
+        std::size_t t_Lu;
+        while ((t_Lu = fread(s_Morceau, 1, sizeof s_Morceau, pf_Corps)) > 0) {
+            i_Err = EcritTout(i_Fd, s_Morceau, t_Lu);
+            if (i_Err != 0) {
+                AbandonneFils(i_Pid, i_Fd);
+                TraitementErreur(NIVEAU_CRITIQUE,
+                                 "v1.1.0/1845: Erreur fputs corps vers commande <%s>, errno=%d "
+                                 "(%s). %s. Possibilite de depots repetes",
+                                 pc_Action, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+            }
+        }
+        if (ferror(pf_Corps)) {
+            // The message is incomplete: the command must not see an end of
+            // input and send what it has; Postfix keeps the whole message.
+            i_Err = errno;
+            AbandonneFils(i_Pid, i_Fd);
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1847: Erreur lecture du corps pour la commande <%s>, "
+                             "errno=%d (%s). %s",
+                             pc_Action, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        }
+    }
+
+    // 5. End of input; wait for the command.
+    errno = 0;
+    close(i_Fd);
+    int i_Etat = AttendFils(i_Pid);
+    int i_ErrAttente = errno;
+    int i_Code = (i_Etat >> 8) & 0xff;
+    if (pi_Statut != nullptr) {
+        *pi_Statut = i_Code;
+        return;
+    }
+
+    // 6-7. Its exit status: done, retry or refusal.
+    if (i_Etat == 0) return;
+    int i_Niveau = NiveauCodeSortie(i_Code);
+    TraitementErreur(i_Niveau,
+                     "v1.1.0/1891: Erreur sur pclose <%s>, cr=%d(%d), errno=%d (%s) . %s. %s",
+                     pc_Action, i_Code, i_Etat, i_ErrAttente, strerror(i_ErrAttente),
+                     gPc_InfoMessEnCours,
+                     i_Niveau == NIVEAU_CRITIQUE ? PC_ACTION_REESSAI : PC_ACTION_REFUS);
+}
+
+// Submits the message through sendmail, batch by batch.
+void EnvoiMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Emetteur,
+                  char **tpc_Destinataires) {
+    if (tpc_Destinataires == nullptr) return;
+    const char *pc_De = pc_Emetteur != nullptr ? pc_Emetteur : "";
+
+    // 1. Addresses of one domain stand together.
+    TriDomSmtpTableau(tpc_Destinataires);
+
+    char Pc_Commande[TAILLE_COMMANDE];
+    int i = 0;
+    while (tpc_Destinataires[i] != nullptr) {
+        // 2.1. The fixed part: what is logged, and the argument vector run.
+        int i_Fixe = snprintf(Pc_Commande, sizeof Pc_Commande, "exec %s -i -f \"%s\" -- ",
+                              gpc_CmdSendmail, pc_De);
+        if (i_Fixe < 0 || static_cast<std::size_t>(i_Fixe) >= sizeof Pc_Commande)
+            TraitementErreur(NIVEAU_ERREUR,
+                             "v1.1.0/1951: EnvoiMessage, adresse d'emission trop longue pour la "
+                             "commande (%zu caracteres). %s",
+                             strlen(pc_De), gPc_InfoMessEnCours);
+        std::size_t t_Long = static_cast<std::size_t>(i_Fixe);
+        std::vector<char *> v_Argv = {const_cast<char *>(gpc_CmdSendmail), const_cast<char *>("-i"),
+                                      const_cast<char *>("-f"), const_cast<char *>(pc_De),
+                                      const_cast<char *>("--")};
+
+        // 2.2. At most MAX_DEST_LOT entries that fit the command text.
+        int i_Pris = 0;
+        while (tpc_Destinataires[i] != nullptr && i_Pris < MAX_DEST_LOT) {
+            char *pc_Adresse = tpc_Destinataires[i];
+            if (pc_Adresse[0] == '\0') {
+                i++;
+                i_Pris++;
+                continue;
+            }
+            std::size_t t_Ajout = strlen(pc_Adresse) + 3;  // space and two quotes
+            if (static_cast<std::size_t>(i_Fixe) + t_Ajout + 1 > sizeof Pc_Commande) {
+                // It could never join a batch: refuse it and go on.
+                TraitementErreur(NIVEAU_ERREUR_SUITE,
+                                 "v1.1.0/1952: EnvoiMessage, adresse trop longue pour la commande, "
+                                 "destinataire refuse (%zu caracteres) <%.200s...>. %s",
+                                 strlen(pc_Adresse), pc_Adresse, gPc_InfoMessEnCours);
+                i++;
+                continue;
+            }
+            if (t_Long + t_Ajout + 1 > sizeof Pc_Commande) break;
+            Pc_Commande[t_Long] = ' ';
+            Pc_Commande[t_Long + 1] = '"';
+            memcpy(Pc_Commande + t_Long + 2, pc_Adresse, t_Ajout - 3);
+            Pc_Commande[t_Long + t_Ajout - 1] = '"';
+            Pc_Commande[t_Long + t_Ajout] = '\0';
+            t_Long += t_Ajout;
+            v_Argv.push_back(pc_Adresse);
+            i++;
+            i_Pris++;
+        }
+        if (i_Pris == 0) break;  // only refused addresses were left
+        v_Argv.push_back(nullptr);
+
+        // 2.3. More batches to come: the body must be sent more than once.
+        if (pf_Corps != nullptr && tpc_Destinataires[i] != nullptr) {
+            syslog(LOG_NOTICE,
+                   "v1.1.0/1950: EnvoiMessage, depot scinde car trop de destinataire (>%d). %s",
+                   i_Pris, gPc_InfoMessEnCours);
+            LitMessage(pet_Message, pf_Corps);
+            pf_Corps = nullptr;
+        }
+
+        // 2.4. Run the batch.
+        DelivreMessage(pet_Message, pf_Corps, Pc_Commande, v_Argv.data(), nullptr);
+    }
+}

@@ -1,0 +1,658 @@
+// lmtp.cpp - the LMTP client: one connection, one dialogue, one result.
+//
+// Remise_LMTP(server, sender, mailboxes, addresses, suffix, header, body,
+// &report) delivers the message in progress to the mailboxes of the mail
+// store: greeting, "mail from:", one "rcpt to:" per mailbox, "DATA", the
+// header and the body dot-stuffed, "\n.\n", "QUIT".  Results, messages and
+// limits: see transport.h.
+//
+// Every blocking call (connect, each write, each read) runs under the alarm
+// guard; a guard that fires turns the call's EINTR into ETIMEDOUT.  Writes go
+// through send(MSG_NOSIGNAL) so that a server that went away is a failure of
+// this attempt, not the end of the process by SIGPIPE.
+//
+// The data phase is buffered: header lines and body pieces are dot-stuffed
+// into one output buffer that goes out in large writes; the body is streamed
+// from its stream and never held whole, so memory stays flat whatever the
+// message size.  The wire bytes are those of a line-by-line sender.
+#include "transport/transport.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "report/report.h"
+
+namespace {
+
+// Result for a peer that closed the connection without an error number.
+constexpr int CODE_CONNEXION_FERMEE = ECONNRESET;
+// Result for a host name that has no IPv4 address (the resolver sets no
+// errno of its own).
+constexpr int CODE_HOTE_INCONNU = EHOSTUNREACH;
+// At most this many bytes of a written text are quoted in a log line: a
+// failed write of a data buffer must not put the message into the log.
+constexpr int TAILLE_CITATION_JOURNAL = 200;
+
+// Body pieces are read in this size; the output buffer holds two pieces'
+// worth, enough for one piece whose every byte is a doubled dot.
+constexpr std::size_t TAILLE_MORCEAU = 32 * 1024;
+constexpr std::size_t TAILLE_SORTIE = 2 * TAILLE_MORCEAU;
+
+// Fixed texts of the report, ISO-8859-1 bytes (é = \xe9, î = \xee).
+constexpr const char *PC_RAPPORT_EMETTEUR =
+    "Message rejet\xe9, adresse SMTP d'\xe9mission <%s> non valable";
+constexpr const char *PC_RAPPORT_TETE_DEST =
+    "Les destinataires suivants n'ont pas recu votre message:\n\n";
+constexpr const char *PC_RAPPORT_SURQUOTA =
+    "Destinataire <%s>, r\xe9ponse du serveur :\nBo\xeete pleine, message refus\xe9 ...\n";
+constexpr const char *PC_RAPPORT_DEST = "Destinataire <%s>, r\xe9ponse du serveur :\n%s\n";
+// Stands for the server's reply when a mailbox name cannot be put into a
+// command line at all; the sender hears of it like of a refusal.
+constexpr const char *PC_BOITE_INUTILISABLE = "Adresse de bo\xeete aux lettres non valable\n";
+constexpr const char *PC_RAPPORT_TETE_DATA =
+    "Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n";
+
+// Output buffer of the data phase (one process, one dialogue at a time).
+char s_Sortie[TAILLE_SORTIE];
+// Body piece being read.
+char s_Morceau[TAILLE_MORCEAU];
+
+// Text or the empty text.
+const char *NonNul(const char *pc) { return pc != nullptr ? pc : ""; }
+
+// Length of a written text as quoted in a log line.
+int LongCitation(std::size_t t_Long) {
+    return t_Long > static_cast<std::size_t>(TAILLE_CITATION_JOURNAL)
+               ? TAILLE_CITATION_JOURNAL
+               : static_cast<int>(t_Long);
+}
+
+// Sends t_Long bytes whole under one guard; 0, or an errno value after
+// logging and closing the connection.
+int EcritOctets(int i_Fd, const char *pc_Octets, std::size_t t_Long) {
+    if (t_Long == 0) return 0;
+    std::size_t t_Envoye = 0;
+    ssize_t i_Compte = 0;
+    int i_Err = 0;
+    _debatt(gi_DelaiReseau);
+    while (t_Envoye < t_Long) {
+        i_Compte = send(i_Fd, pc_Octets + t_Envoye, t_Long - t_Envoye, MSG_NOSIGNAL);
+        if (i_Compte <= 0) {
+            // EINTR can only come from the guard's alarm: it is the time-out.
+            i_Err = errno;
+            break;
+        }
+        t_Envoye += static_cast<std::size_t>(i_Compte);
+    }
+    errno = i_Err;
+    int i_To = _finatt();
+    i_Err = errno;
+    if (t_Envoye == t_Long) return 0;
+
+    if (i_To == ETIMEDOUT)
+        syslog(LOG_WARNING, "v1.1.0/1264: Timeout de %ds atteint sur write(%.*s). %s",
+               gi_DelaiReseau, LongCitation(t_Long), pc_Octets, gPc_InfoMessEnCours);
+    else
+        syslog(LOG_WARNING,
+               "v1.1.0/1266: Erreur sur write(%.*s), cr=%d, errno=%d (%s), at=%d, to=%d. %s",
+               LongCitation(t_Long), pc_Octets, static_cast<int>(i_Compte), i_Err, strerror(i_Err),
+               gi_DelaiReseau, i_To, gPc_InfoMessEnCours);
+    close(i_Fd);
+    if (i_To == ETIMEDOUT) return ETIMEDOUT;
+    return i_Err != 0 ? i_Err : EIO;
+}
+
+// Data phase: dot-stuffed bytes gathered into s_Sortie.
+struct FluxDonnees {
+    int i_Fd;
+    Transparence st_Etat;
+    std::size_t t_Rempli;
+};
+
+// Sends what the buffer holds; 0 or the write's result (connection closed).
+int VideFlux(FluxDonnees *pst) {
+    int i_Res = EcritOctets(pst->i_Fd, s_Sortie, pst->t_Rempli);
+    pst->t_Rempli = 0;
+    return i_Res;
+}
+
+// Adds bytes of the message to the data, flushing the buffer as it fills.
+int AjouteFlux(FluxDonnees *pst, const char *pc, std::size_t t_Long) {
+    while (t_Long > 0) {
+        std::size_t t_Part = t_Long < TAILLE_MORCEAU ? t_Long : TAILLE_MORCEAU;
+        if (pst->t_Rempli + 2 * t_Part > TAILLE_SORTIE) {
+            int i_Res = VideFlux(pst);
+            if (i_Res != 0) return i_Res;
+        }
+        pst->t_Rempli += AppliqueTransparence(&pst->st_Etat, pc, t_Part, s_Sortie + pst->t_Rempli);
+        pc += t_Part;
+        t_Long -= t_Part;
+    }
+    return 0;
+}
+
+// True when the text can stand inside a command line of the dialogue: no
+// line end or other control byte that would end or split the command.
+bool TexteDeCommande(const char *pc) {
+    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc); *pu != '\0'; pu++)
+        if (*pu < 0x20 || *pu == 0x7f) return false;
+    return true;
+}
+
+// Formats a command into the dialogue buffer; false when the values cannot
+// make one line of it (control bytes, or too long to fit).
+bool FormatCommande(char *pc_Tampon, const char *pc_Modele, const char *pc_A, const char *pc_B) {
+    if (!TexteDeCommande(pc_A) || !TexteDeCommande(pc_B)) return false;
+    int i_Long = snprintf(pc_Tampon, TAILLE_DIALOGUE, pc_Modele, pc_A, pc_B);
+    return i_Long > 0 && static_cast<std::size_t>(i_Long) < TAILLE_DIALOGUE;
+}
+
+// Replaces the report by the sender-refusal text.
+void RapportEmetteur(char **ppc_Rapport, const char *pc_Emetteur) {
+    char *pc_Nouveau = nullptr;
+    if (asprintf(&pc_Nouveau, PC_RAPPORT_EMETTEUR, pc_Emetteur) < 0)
+        TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1431: Erreur asprintf, errno=%d (%s). %s", errno,
+                         strerror(errno), gPc_InfoMessEnCours);
+    free(*ppc_Rapport);
+    *ppc_Rapport = pc_Nouveau;
+}
+
+// Adds one line for a refused recipient, starting the report when needed.
+void RapportDestinataire(char **ppc_Rapport, const char *pc_Adresse, const char *pc_Reponse,
+                         bool b_SurQuota) {
+    char *pc_Ligne = nullptr;
+    int i_Res = b_SurQuota ? asprintf(&pc_Ligne, PC_RAPPORT_SURQUOTA, pc_Adresse)
+                           : asprintf(&pc_Ligne, PC_RAPPORT_DEST, pc_Adresse, pc_Reponse);
+    if (i_Res < 0)
+        TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1470: Erreur sur asprintf(), errno=%d (%s). %s",
+                         errno, strerror(errno), gPc_InfoMessEnCours);
+    std::size_t t_Ligne = strlen(pc_Ligne);
+    if (*ppc_Rapport == nullptr) {
+        std::size_t t_Tete = strlen(PC_RAPPORT_TETE_DEST);
+        char *pc = static_cast<char *>(malloc(t_Tete + t_Ligne + 1));
+        if (pc == nullptr)
+            TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1477: Erreur sur malloc(), errno=%d (%s). %s",
+                             errno, strerror(errno), gPc_InfoMessEnCours);
+        memcpy(pc, PC_RAPPORT_TETE_DEST, t_Tete);
+        memcpy(pc + t_Tete, pc_Ligne, t_Ligne + 1);
+        *ppc_Rapport = pc;
+    } else {
+        std::size_t t_Avant = strlen(*ppc_Rapport);
+        char *pc = static_cast<char *>(realloc(*ppc_Rapport, t_Avant + t_Ligne + 1));
+        if (pc == nullptr)
+            TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1484: Erreur sur realloc(), errno=%d (%s). %s",
+                             errno, strerror(errno), gPc_InfoMessEnCours);
+        memcpy(pc + t_Avant, pc_Ligne, t_Ligne + 1);
+        *ppc_Rapport = pc;
+    }
+    free(pc_Ligne);
+}
+
+// Adds the end-of-data refusal to the report.
+void RapportFinDonnees(char **ppc_Rapport, const char *pc_Reponse) {
+    std::size_t t_Tete = strlen(PC_RAPPORT_TETE_DATA);
+    std::size_t t_Rep = strlen(pc_Reponse);
+    if (*ppc_Rapport == nullptr) {
+        char *pc = static_cast<char *>(malloc(t_Tete + t_Rep + 1));
+        if (pc == nullptr)
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1557: Erreur sur malloc(), errno=%d (%s). %s. Possibilite de "
+                             "depots repetes",
+                             errno, strerror(errno), gPc_InfoMessEnCours);
+        memcpy(pc, PC_RAPPORT_TETE_DATA, t_Tete);
+        memcpy(pc + t_Tete, pc_Reponse, t_Rep + 1);
+        *ppc_Rapport = pc;
+        return;
+    }
+    std::size_t t_Avant = strlen(*ppc_Rapport);
+    char *pc = static_cast<char *>(realloc(*ppc_Rapport, t_Avant + 2 + t_Tete + t_Rep + 1));
+    if (pc == nullptr)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1563: Erreur sur realloc(), errno=%d (%s). %s. Possibilite de "
+                         "depots repetes",
+                         errno, strerror(errno), gPc_InfoMessEnCours);
+    memcpy(pc + t_Avant, "\n\n", 2);
+    memcpy(pc + t_Avant + 2, PC_RAPPORT_TETE_DATA, t_Tete);
+    memcpy(pc + t_Avant + 2 + t_Tete, pc_Reponse, t_Rep + 1);
+    *ppc_Rapport = pc;
+}
+
+// Creates or truncates the delivery marker of the mailbox.  The name comes
+// from the directory: one that is not a plain file name (empty, ".", "..",
+// holding a "/") or that makes the path too long gets no marker, and a
+// symbolic link planted in the shared directory is not followed.
+void PoseTemoin(const char *pc_Boite) {
+    if (pc_Boite[0] == '\0' || strchr(pc_Boite, '/') != nullptr || strcmp(pc_Boite, ".") == 0 ||
+        strcmp(pc_Boite, "..") == 0)
+        return;
+    char Pc_Chemin[TAILLE_TEXTE];
+    int i_Long = snprintf(Pc_Chemin, sizeof Pc_Chemin, "%sRemises/%s", gpc_RacineSpool, pc_Boite);
+    if (i_Long < 0 || static_cast<std::size_t>(i_Long) >= sizeof Pc_Chemin) return;
+    int i_Fd = open(Pc_Chemin, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                    0666);
+    if (i_Fd >= 0) close(i_Fd);
+}
+
+// Sets the description of the message in progress for recipient i_Rang
+// (counting from 1), or the "(-/n)" form with the recipient in hand.  The
+// description is a bounded text: a long message id is cut, by design.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-truncation"
+void InfoDestinataire(const char *pc_Adresse, int i_Rang) {
+    if (i_Rang > 0)
+        snprintf(gPc_InfoMessEnCours, sizeof gPc_InfoMessEnCours,
+                 "message-id=<%s>, from=<%s>, to=<%s>(%d/%d)", gPc_MessageId, NonNul(gpc_MailFrom),
+                 NonNul(pc_Adresse), i_Rang, gi_nbDestLcmd);
+    else
+        snprintf(gPc_InfoMessEnCours, sizeof gPc_InfoMessEnCours,
+                 "message-id=<%s>, from=<%s>, to=<%s>(-/%d)", gPc_MessageId, NonNul(gpc_MailFrom),
+                 NonNul(gpc_RcptTo), gi_nbDestLcmd);
+}
+#pragma GCC diagnostic pop
+
+// Connects to the Unix-domain socket; 0 with the descriptor, or errno.
+int ConnecteUnix(const ServeurLmtp &st, int *pi_Fd) {
+    int i_Fd = socket(PF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (i_Fd < 0) {
+        int i_Err = errno;
+        syslog(LOG_WARNING, "v1.1.0/1376: Erreur sur socket(PF_UNIX,SOCK_STREAM), errno=%d (%s). %s",
+               i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        return i_Err;
+    }
+    struct sockaddr_un st_Adresse = {};
+    st_Adresse.sun_family = AF_UNIX;
+    std::size_t t_Long = strlen(st.Pc_Chemin);  // < sizeof sun_path, checked by the analysis
+    memcpy(st_Adresse.sun_path, st.Pc_Chemin, t_Long + 1);
+    _debatt(gi_DelaiReseau);
+    int i_Res = connect(i_Fd, reinterpret_cast<struct sockaddr *>(&st_Adresse),
+                        static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + t_Long));
+    int i_Err = errno;
+    errno = i_Err;
+    _finatt();
+    i_Err = errno;
+    if (i_Res != 0) {
+        if (i_Err == 0) i_Err = ECONNREFUSED;
+        syslog(LOG_WARNING, "v1.1.0/1388: Erreur sur connect(%s), errno=%d (%s). %s", st.Pc_Chemin,
+               i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        close(i_Fd);
+        return i_Err;
+    }
+    *pi_Fd = i_Fd;
+    return 0;
+}
+
+// Connects over TCP to the host and port; 0 with the descriptor, or errno.
+int ConnecteTcp(const ServeurLmtp &st, int *pi_Fd) {
+    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (i_Fd < 0) {
+        int i_Err = errno;
+        syslog(LOG_WARNING, "v1.1.0/1339: Erreur sur socket(AF_INET,SOCK_STREAM), errno=%d (%s). %s",
+               i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        return i_Err;
+    }
+    struct sockaddr_in st_Adresse = {};
+    st_Adresse.sin_family = AF_INET;
+    st_Adresse.sin_port = htons(st.i_Port);
+    // A dotted address first, then the first IPv4 address of the name.
+    if (inet_aton(st.Pc_Hote, &st_Adresse.sin_addr) == 0) {
+        struct addrinfo st_Indices = {};
+        st_Indices.ai_family = AF_INET;
+        st_Indices.ai_socktype = SOCK_STREAM;
+        struct addrinfo *pst_Liste = nullptr;
+        errno = 0;
+        int i_Gai = getaddrinfo(st.Pc_Hote, nullptr, &st_Indices, &pst_Liste);
+        if (i_Gai != 0 || pst_Liste == nullptr) {
+            int i_Err = i_Gai == EAI_SYSTEM && errno != 0 ? errno : CODE_HOTE_INCONNU;
+            if (pst_Liste != nullptr) freeaddrinfo(pst_Liste);
+            syslog(LOG_WARNING, "v1.1.0/1354: Erreur sur inet_addr(%s), errno=%d (%s). %s",
+                   st.Pc_Hote, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+            close(i_Fd);
+            return i_Err;
+        }
+        st_Adresse.sin_addr = reinterpret_cast<struct sockaddr_in *>(pst_Liste->ai_addr)->sin_addr;
+        freeaddrinfo(pst_Liste);
+    }
+    _debatt(gi_DelaiReseau);
+    int i_Res = connect(i_Fd, reinterpret_cast<struct sockaddr *>(&st_Adresse), sizeof st_Adresse);
+    int i_Err = errno;
+    errno = i_Err;
+    _finatt();
+    i_Err = errno;
+    if (i_Res != 0) {
+        if (i_Err == 0) i_Err = ECONNREFUSED;
+        syslog(LOG_WARNING, "v1.1.0/1364: Erreur sur connect(%s:%s), errno=%d (%s). %s", st.Pc_Hote,
+               st.Pc_Port, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        close(i_Fd);
+        return i_Err;
+    }
+    *pi_Fd = i_Fd;
+    return 0;
+}
+
+}  // namespace
+
+// Classifies the beginning of one reply.
+ReponseLmtp ClasseReponseLmtp(const char *pc_Reponse) {
+    const char *pc = NonNul(pc_Reponse);
+    if (strncasecmp(pc, "220", 3) == 0) return ReponseLmtp::Accueil;
+    if (strncasecmp(pc, "250", 3) == 0) return ReponseLmtp::Ok;
+    if (strncasecmp(pc, "354", 3) == 0) return ReponseLmtp::Donnees;
+    if (strncasecmp(pc, "452 4.2.2 Over quota", 20) == 0) return ReponseLmtp::SurQuota;
+    if (_expjok("5[0-9][0-9] *", pc) != 0) return ReponseLmtp::Permanente;
+    return ReponseLmtp::Autre;
+}
+
+// Splits the designation; see the header for the results.
+int AnalyseServeurLmtp(const char *pc_Designation, ServeurLmtp *pst) {
+    *pst = ServeurLmtp{};
+    const char *pc = NonNul(pc_Designation);
+    std::size_t t_Long = strlen(pc);
+    if (t_Long >= TAILLE_DESIGNATION) return ENAMETOOLONG;
+
+    if (pc[0] == '/') {
+        if (t_Long >= TAILLE_CHEMIN_SOCKET) return ENAMETOOLONG;
+        pst->b_Unix = true;
+        memcpy(pst->Pc_Chemin, pc, t_Long + 1);
+        return 0;
+    }
+
+    const char *pc_DeuxPoints = strchr(pc, ':');
+    std::size_t t_Hote = pc_DeuxPoints != nullptr ? static_cast<std::size_t>(pc_DeuxPoints - pc)
+                                                  : t_Long;
+    memcpy(pst->Pc_Hote, pc, t_Hote);
+    pst->Pc_Hote[t_Hote] = '\0';
+    if (pst->Pc_Hote[0] == '\0') _strncpy(pst->Pc_Hote, HOTE_LMTP_DEFAUT, sizeof pst->Pc_Hote);
+    _strncpy(pst->Pc_Port, pc_DeuxPoints != nullptr ? pc_DeuxPoints + 1 : "", sizeof pst->Pc_Port);
+    if (pst->Pc_Port[0] == '\0') _strncpy(pst->Pc_Port, PORT_LMTP_DEFAUT, sizeof pst->Pc_Port);
+
+    // A port that is not a plain decimal number in 1..65535 would otherwise
+    // be read as some other port (or 0): refuse it.
+    unsigned long ul_Port = 0;
+    for (const char *pp = pst->Pc_Port; *pp != '\0'; pp++) {
+        if (*pp < '0' || *pp > '9') return EINVAL;
+        ul_Port = ul_Port * 10 + static_cast<unsigned long>(*pp - '0');
+        if (ul_Port > 65535) return EINVAL;
+    }
+    if (ul_Port == 0) return EINVAL;
+    pst->i_Port = static_cast<unsigned short>(ul_Port);
+    return 0;
+}
+
+// Copies the piece with every line-leading dot doubled.
+std::size_t AppliqueTransparence(Transparence *pst_Etat, const char *pc_Piece, std::size_t t_Long,
+                                 char *pc_Sortie) {
+    std::size_t t_Sortie = 0;
+    std::size_t i = 0;
+    while (i < t_Long) {
+        if (pst_Etat->b_DebutLigne && pc_Piece[i] == '.') pc_Sortie[t_Sortie++] = '.';
+        const void *pv_Fin = memchr(pc_Piece + i, '\n', t_Long - i);
+        std::size_t t_Fin =
+            pv_Fin != nullptr ? static_cast<std::size_t>(static_cast<const char *>(pv_Fin) - pc_Piece) + 1
+                              : t_Long;
+        memcpy(pc_Sortie + t_Sortie, pc_Piece + i, t_Fin - i);
+        t_Sortie += t_Fin - i;
+        i = t_Fin;
+        pst_Etat->b_DebutLigne = pv_Fin != nullptr;
+    }
+    return t_Sortie;
+}
+
+// Sends the text whole under the write guard.
+int Write_LMTP(int i_Fd, const char *pc_Texte) {
+    if (pc_Texte == nullptr || pc_Texte[0] == '\0') return 0;
+    return EcritOctets(i_Fd, pc_Texte, strlen(pc_Texte));
+}
+
+// Reads one reply (one read, at most size - 1 bytes) under a guard.
+int Read_LMTP(int i_Fd, char *pc_Tampon, std::size_t t_Taille, int i_Limite) {
+    if (t_Taille < 2) {
+        if (t_Taille == 1) pc_Tampon[0] = '\0';
+        close(i_Fd);
+        return EINVAL;
+    }
+    _debatt(i_Limite);
+    ssize_t i_Compte = read(i_Fd, pc_Tampon, t_Taille - 1);
+    int i_Err = errno;
+    errno = i_Err;
+    int i_To = _finatt();
+    i_Err = errno;
+    if (i_Compte > 0) {
+        pc_Tampon[i_Compte] = '\0';
+        return 0;
+    }
+    pc_Tampon[0] = '\0';
+    if (i_To == ETIMEDOUT)
+        syslog(LOG_WARNING, "v1.1.0/1286: Timeout de %ds atteint sur read(). %s", i_Limite,
+               gPc_InfoMessEnCours);
+    else
+        syslog(LOG_WARNING, "v1.1.0/1288: Erreur sur read(), cr=%d, errno=%d (%s), at=%d, to=%d. %s",
+               static_cast<int>(i_Compte), i_Err, strerror(i_Err), i_Limite, i_To,
+               gPc_InfoMessEnCours);
+    close(i_Fd);
+    if (i_To == ETIMEDOUT) return ETIMEDOUT;
+    if (i_Compte == 0) return CODE_CONNEXION_FERMEE;
+    return i_Err != 0 ? i_Err : CODE_CONNEXION_FERMEE;
+}
+
+// One delivery attempt to the mail store.
+int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tpc_Boites,
+                char *const *tpc_Adresses, const char *pc_Suffixe, Entete *pet_Entete,
+                FILE *pf_Corps, char **ppc_Rapport) {
+    pc_Emetteur = NonNul(pc_Emetteur);
+    pc_Suffixe = NonNul(pc_Suffixe);
+    char Pc_Dialogue[TAILLE_DIALOGUE];
+
+    // 1-2. Designation and connection.  A designation that does not fit is
+    // refused: a cut path or host would reach some other server.
+    ServeurLmtp st_Serveur;
+    int i_Res = AnalyseServeurLmtp(pc_Serveur, &st_Serveur);
+    if (i_Res == ENAMETOOLONG) {
+        syslog(LOG_WARNING, "v1.1.0/1341: Designation du serveur LMTP trop longue <%.*s...>. %s",
+               TAILLE_CITATION_JOURNAL, NonNul(pc_Serveur), gPc_InfoMessEnCours);
+        return i_Res;
+    }
+    if (i_Res != 0) {
+        syslog(LOG_WARNING, "v1.1.0/1342: Port du serveur LMTP non valable <%s>. %s",
+               st_Serveur.Pc_Port, gPc_InfoMessEnCours);
+        return i_Res;
+    }
+    int i_Fd = -1;
+    if (st_Serveur.b_Unix) {
+        i_Res = ConnecteUnix(st_Serveur, &i_Fd);
+    } else {
+        // Over TCP each attempt starts a new report.
+        free(*ppc_Rapport);
+        *ppc_Rapport = nullptr;
+        i_Res = ConnecteTcp(st_Serveur, &i_Fd);
+    }
+    if (i_Res != 0) return i_Res;
+
+    // 3. Greeting.
+    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    if (i_Res != 0) return i_Res;
+    if (ClasseReponseLmtp(Pc_Dialogue) != ReponseLmtp::Accueil) {
+        syslog(LOG_WARNING, "v1.1.0/1404: Reponse connection=<%s>... %s", Pc_Dialogue,
+               gPc_InfoMessEnCours);
+        close(i_Fd);
+        return 1;
+    }
+
+    // 4. Sender.  One that cannot make a command line is refused here, as
+    // the server would refuse it for good.
+    if (!FormatCommande(Pc_Dialogue, "mail from:<%s>%s\n", pc_Emetteur, "")) {
+        syslog(LOG_ERR, "v1.1.0/1428: Adresse d'emission inutilisable en LMTP <%.*s>. %s",
+               TAILLE_CITATION_JOURNAL, pc_Emetteur, gPc_InfoMessEnCours);
+        RapportEmetteur(ppc_Rapport, pc_Emetteur);
+        close(i_Fd);
+        return 0;
+    }
+    i_Res = Write_LMTP(i_Fd, Pc_Dialogue);
+    if (i_Res != 0) return i_Res;
+    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    if (i_Res != 0) return i_Res;
+    ReponseLmtp e_Rep = ClasseReponseLmtp(Pc_Dialogue);
+    if (e_Rep == ReponseLmtp::Permanente) {
+        syslog(LOG_ERR, "v1.1.0/1429: Reponse <%s> a mail from:<%s>. %s", Pc_Dialogue, pc_Emetteur,
+               gPc_InfoMessEnCours);
+        RapportEmetteur(ppc_Rapport, pc_Emetteur);
+        close(i_Fd);
+        return 0;
+    }
+    if (e_Rep != ReponseLmtp::Ok) {
+        syslog(LOG_WARNING, "v1.1.0/1437: Reponse <%s> a mail from:<%s>. %s", Pc_Dialogue,
+               pc_Emetteur, gPc_InfoMessEnCours);
+        close(i_Fd);
+        return 1;
+    }
+
+    // 5. Recipients, each with its marker; a refusal is one report line.
+    int i_Acceptes = 0;
+    for (int i = 0; tpc_Boites != nullptr && tpc_Boites[i] != nullptr; i++) {
+        const char *pc_Boite = tpc_Boites[i];
+        const char *pc_Adresse = tpc_Adresses != nullptr ? NonNul(tpc_Adresses[i]) : "";
+        InfoDestinataire(pc_Adresse, i + 1);
+        syslog(LOG_INFO, "v1.1.0/1451: Remise LMTP vers <%s%s>/<%s>. %s", pc_Boite, pc_Suffixe,
+               pc_Adresse, gPc_InfoMessEnCours);
+        if (!FormatCommande(Pc_Dialogue, "rcpt to:<%s%s>\n", pc_Boite, pc_Suffixe)) {
+            syslog(LOG_WARNING, "v1.1.0/1462: Boite inutilisable en LMTP <%.*s>/<%s>. %s",
+                   TAILLE_CITATION_JOURNAL, pc_Boite, pc_Adresse, gPc_InfoMessEnCours);
+            RapportDestinataire(ppc_Rapport, pc_Adresse, PC_BOITE_INUTILISABLE, false);
+            continue;
+        }
+        PoseTemoin(pc_Boite);
+        i_Res = Write_LMTP(i_Fd, Pc_Dialogue);
+        if (i_Res != 0) return i_Res;
+        i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+        if (i_Res != 0) return i_Res;
+        e_Rep = ClasseReponseLmtp(Pc_Dialogue);
+        if (e_Rep == ReponseLmtp::Ok) {
+            i_Acceptes++;
+            continue;
+        }
+        syslog(LOG_WARNING, "v1.1.0/1463: Reponse <%s> a rcpt to: <%s%s>/<%s>. %s", Pc_Dialogue,
+               pc_Boite, pc_Suffixe, pc_Adresse, gPc_InfoMessEnCours);
+        RapportDestinataire(ppc_Rapport, pc_Adresse, Pc_Dialogue, e_Rep == ReponseLmtp::SurQuota);
+    }
+
+    // 6. Nobody to deliver to: no data.
+    InfoDestinataire(nullptr, 0);
+    if (i_Acceptes == 0) {
+        close(i_Fd);
+        return 0;
+    }
+
+    // 7. Data command.
+    i_Res = Write_LMTP(i_Fd, "DATA\n");
+    if (i_Res != 0) return i_Res;
+    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    if (i_Res != 0) return i_Res;
+    if (ClasseReponseLmtp(Pc_Dialogue) != ReponseLmtp::Donnees) {
+        syslog(LOG_WARNING, "v1.1.0/1508: Reponse DATA=<%s>... %s", Pc_Dialogue, gPc_InfoMessEnCours);
+        close(i_Fd);
+        return 1;
+    }
+
+    // 8. Header, without a leading Return-Path line (the store writes its
+    // own).  It goes out before the body is read: a failure here leaves the
+    // data unterminated, so the server keeps nothing and a retry is safe.
+    FluxDonnees st_Flux = {i_Fd, Transparence{}, 0};
+    Entete *pet = pet_Entete;
+    if (pet != nullptr && pet->pc_Ligne != nullptr && strncasecmp(pet->pc_Ligne, "return-path:", 12) == 0)
+        pet = pet->pet_Suivant;
+    for (; pet != nullptr; pet = pet->pet_Suivant) {
+        if (pet->pc_Ligne == nullptr) continue;
+        i_Res = AjouteFlux(&st_Flux, pet->pc_Ligne, strlen(pet->pc_Ligne));
+        if (i_Res != 0) return i_Res;
+    }
+    i_Res = VideFlux(&st_Flux);
+    if (i_Res != 0) return i_Res;
+
+    // 9. Body, streamed.
+    if (pf_Corps != nullptr) {
+        std::size_t t_Lu;
+        while ((t_Lu = fread(s_Morceau, 1, sizeof s_Morceau, pf_Corps)) > 0) {
+            i_Res = AjouteFlux(&st_Flux, s_Morceau, t_Lu);
+            if (i_Res != 0)
+                TraitementErreur(NIVEAU_CRITIQUE,
+                                 "v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps du message, "
+                                 "errno=%d (%s). %s. Possibilite de depots repetes",
+                                 i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+        }
+        if (ferror(pf_Corps)) {
+            // The data is not terminated: the server drops it when the
+            // connection closes, and Postfix keeps the whole message.
+            int i_Err = errno;
+            close(i_Fd);
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1533: Erreur lecture du corps du message, errno=%d (%s). %s",
+                             i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        }
+        i_Res = VideFlux(&st_Flux);
+        if (i_Res != 0)
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps du message, "
+                             "errno=%d (%s). %s. Possibilite de depots repetes",
+                             i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+    }
+
+    // 10. End of data.
+    i_Res = Write_LMTP(i_Fd, "\n.\n");
+    if (i_Res != 0)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1537: Erreur Write_LMTP envoi <.>, errno=%d (%s). %s. Possibilite "
+                         "de depots repetes",
+                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+
+    // 11. The one reply examined after the data.
+    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiFinDonnees);
+    if (i_Res != 0)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=%d (%s). "
+                         "%s. Possibilite de depots repetes",
+                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+    e_Rep = ClasseReponseLmtp(Pc_Dialogue);
+    if (e_Rep == ReponseLmtp::Permanente) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
+                         Pc_Dialogue, gPc_InfoMessEnCours);
+        RapportFinDonnees(ppc_Rapport, Pc_Dialogue);
+        close(i_Fd);
+        return 0;
+    }
+    if (e_Rep != ReponseLmtp::Ok) {
+        close(i_Fd);
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
+                         Pc_Dialogue, gPc_InfoMessEnCours);
+    }
+
+    // 12. Quit; its reply is read but not examined.
+    i_Res = Write_LMTP(i_Fd, "QUIT\n");
+    if (i_Res != 0)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1577: Erreur Write_LMTP envoi quit, errno=%d (%s). %s. Possibilite "
+                         "de depots repetes",
+                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    if (i_Res != 0)
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=%d "
+                         "(%s). %s. Possibilite de depots repetes",
+                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+    close(i_Fd);
+    return 0;
+}
