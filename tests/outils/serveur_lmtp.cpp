@@ -1,0 +1,246 @@
+// serveur_lmtp.cpp - scripted LMTP server and child runner (see serveur_lmtp.h).
+#include "serveur_lmtp.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "processus.h"
+
+namespace {
+
+// Writes the bytes whole.
+void EcritTout(int i_Fd, const char *pc, std::size_t t_Long) {
+    while (t_Long > 0) {
+        ssize_t n = write(i_Fd, pc, t_Long);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        pc += n;
+        t_Long -= static_cast<std::size_t>(n);
+    }
+}
+
+// Length of the first complete unit in the pending bytes, or 0.
+std::size_t FinUnite(const std::string &s, bool b_Donnees) {
+    if (!b_Donnees) {
+        std::size_t p = s.find('\n');
+        return p == std::string::npos ? 0 : p + 1;
+    }
+    if (s.compare(0, 2, ".\n") == 0) return 2;
+    std::size_t p = s.find("\n.\n");
+    return p == std::string::npos ? 0 : p + 3;
+}
+
+// The server's side: one connection, the script, then the rest.
+[[noreturn]] void Sert(int i_Ecoute, std::vector<EtapeLmtp> &v_Script, const std::string &s_Fichier) {
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGALRM, SIG_DFL);
+    alarm(60);  // never outlive a forgotten test
+    int i_Fichier = open(s_Fichier.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int i_Fd = accept(i_Ecoute, nullptr, nullptr);
+    close(i_Ecoute);
+    if (i_Fd < 0) _exit(1);
+    std::string s_Attente;
+    bool b_Donnees = false;
+    char pc[65536];
+    for (std::size_t k = 0; k < v_Script.size(); k++) {
+        std::string s_Unite;
+        if (k > 0) {
+            std::size_t t_Fin;
+            while ((t_Fin = FinUnite(s_Attente, b_Donnees)) == 0) {
+                ssize_t n = read(i_Fd, pc, sizeof pc);
+                if (n <= 0) _exit(0);
+                EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
+                s_Attente.append(pc, static_cast<std::size_t>(n));
+            }
+            s_Unite = s_Attente.substr(0, t_Fin);
+            s_Attente.erase(0, t_Fin);
+        }
+        const EtapeLmtp &e = v_Script[k];
+        if (e.e_Action == EtapeLmtp::Fermer) {
+            close(i_Fd);
+            _exit(0);
+        }
+        if (e.e_Action == EtapeLmtp::Bloquer) {
+            for (;;) pause();
+        }
+        std::string s_Rep = e.f_Reponse ? e.f_Reponse(s_Unite) : e.s_Reponse;
+        b_Donnees = !b_Donnees && strncasecmp(s_Unite.c_str(), "DATA", 4) == 0 &&
+                    s_Rep.compare(0, 3, "354") == 0;
+        EcritTout(i_Fd, s_Rep.data(), s_Rep.size());
+        if (e.b_BloqueApres)
+            for (;;) pause();
+    }
+    for (;;) {
+        ssize_t n = read(i_Fd, pc, sizeof pc);
+        if (n <= 0) break;
+        EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
+    }
+    _exit(0);
+}
+
+// Reads a descriptor to its end into the text, up to the deadline.
+void LitJusquaFin(int i_Fd, std::string &s, std::chrono::steady_clock::time_point t_Fin) {
+    char pc[65536];
+    for (;;) {
+        auto t_Reste = std::chrono::duration_cast<std::chrono::milliseconds>(
+            t_Fin - std::chrono::steady_clock::now());
+        if (t_Reste.count() <= 0) return;
+        pollfd st = {i_Fd, POLLIN, 0};
+        int r = poll(&st, 1, static_cast<int>(t_Reste.count()));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) return;
+        ssize_t n = read(i_Fd, pc, sizeof pc);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        s.append(pc, static_cast<std::size_t>(n));
+    }
+}
+
+// Waits for the child until the deadline, killing it then; its status.
+int AttendAvecLimite(int i_Pid, std::chrono::steady_clock::time_point t_Fin, bool *pb_Expire) {
+    int i_Etat = 0;
+    for (;;) {
+        int r = waitpid(i_Pid, &i_Etat, WNOHANG);
+        if (r == i_Pid) return i_Etat;
+        if (r < 0 && errno != EINTR) return -1;
+        if (std::chrono::steady_clock::now() > t_Fin) {
+            kill(i_Pid, SIGKILL);
+            *pb_Expire = true;
+            waitpid(i_Pid, &i_Etat, 0);
+            return i_Etat;
+        }
+        usleep(5000);
+    }
+}
+
+}  // namespace
+
+EtapeLmtp Rep(const std::string &s_Texte) {
+    EtapeLmtp e;
+    e.s_Reponse = s_Texte;
+    return e;
+}
+
+EtapeLmtp Ferme() {
+    EtapeLmtp e;
+    e.e_Action = EtapeLmtp::Fermer;
+    return e;
+}
+
+EtapeLmtp Bloque() {
+    EtapeLmtp e;
+    e.e_Action = EtapeLmtp::Bloquer;
+    return e;
+}
+
+ServeurLmtpEssai::ServeurLmtpEssai(std::vector<EtapeLmtp> v_Script, bool b_Unix) {
+    char pc_Modele[] = "/tmp/lmtp-essai.XXXXXX";
+    s_Repertoire = mkdtemp(pc_Modele);
+    s_FichierRecu = s_Repertoire + "/recu";
+    int i_Ecoute;
+    if (b_Unix) {
+        s_Designation = s_Repertoire + "/lmtp";
+        i_Ecoute = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un st = {};
+        st.sun_family = AF_UNIX;
+        strncpy(st.sun_path, s_Designation.c_str(), sizeof st.sun_path - 1);
+        bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st), sizeof st);
+    } else {
+        i_Ecoute = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in st = {};
+        st.sin_family = AF_INET;
+        st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st), sizeof st);
+        socklen_t t = sizeof st;
+        getsockname(i_Ecoute, reinterpret_cast<sockaddr *>(&st), &t);
+        s_Designation = "127.0.0.1:" + std::to_string(ntohs(st.sin_port));
+    }
+    listen(i_Ecoute, 4);
+    i_Pid = fork();
+    if (i_Pid == 0) Sert(i_Ecoute, v_Script, s_FichierRecu);
+    close(i_Ecoute);
+}
+
+ServeurLmtpEssai::~ServeurLmtpEssai() {
+    if (i_Pid > 0) {
+        kill(i_Pid, SIGKILL);
+        waitpid(i_Pid, nullptr, 0);
+    }
+    unlink(s_FichierRecu.c_str());
+    if (s_Designation[0] == '/') unlink(s_Designation.c_str());
+    rmdir(s_Repertoire.c_str());
+}
+
+std::string ServeurLmtpEssai::Recu(int i_LimiteSecondes) {
+    if (i_Pid > 0) {
+        bool b_Expire = false;
+        AttendAvecLimite(i_Pid, std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes),
+                         &b_Expire);
+        i_Pid = -1;
+    }
+    return LitFichier(s_FichierRecu);
+}
+
+std::string DonneesRecues(const std::string &s_Recu, bool *pb_Terminee) {
+    if (pb_Terminee != nullptr) *pb_Terminee = false;
+    std::size_t p = s_Recu.find("DATA\n");
+    if (p == std::string::npos) return "";
+    p += 5;
+    std::string s;
+    while (p < s_Recu.size()) {
+        std::size_t q = s_Recu.find('\n', p);
+        std::size_t t_Fin = q == std::string::npos ? s_Recu.size() : q + 1;
+        std::string s_Ligne = s_Recu.substr(p, t_Fin - p);
+        p = t_Fin;
+        if (s_Ligne == ".\n") {
+            if (pb_Terminee != nullptr) *pb_Terminee = true;
+            break;
+        }
+        if (!s_Ligne.empty() && s_Ligne[0] == '.') s_Ligne.erase(0, 1);
+        s += s_Ligne;
+    }
+    return s;
+}
+
+ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_LimiteSecondes) {
+    ResultatEnfant r;
+    int t_Err[2], t_Ret[2];
+    if (pipe(t_Err) != 0 || pipe(t_Ret) != 0) return r;
+    fflush(stdout);
+    fflush(stderr);
+    pid_t i_Pid = fork();
+    if (i_Pid == 0) {
+        close(t_Err[0]);
+        close(t_Ret[0]);
+        dup2(t_Err[1], 2);
+        close(t_Err[1]);
+        signal(SIGPIPE, SIG_DFL);
+        std::string s = f();
+        EcritTout(t_Ret[1], s.data(), s.size());
+        fflush(stderr);
+        _exit(0);
+    }
+    close(t_Err[1]);
+    close(t_Ret[1]);
+    auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
+    LitJusquaFin(t_Ret[0], r.s_Retour, t_Fin);
+    LitJusquaFin(t_Err[0], r.s_Erreur, t_Fin);
+    close(t_Ret[0]);
+    close(t_Err[0]);
+    int i_Etat = AttendAvecLimite(i_Pid, t_Fin, &r.b_Expire);
+    if (WIFEXITED(i_Etat)) r.i_Statut = WEXITSTATUS(i_Etat);
+    if (WIFSIGNALED(i_Etat)) r.i_Signal = WTERMSIG(i_Etat);
+    return r;
+}

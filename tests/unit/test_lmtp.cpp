@@ -1,0 +1,448 @@
+// The LMTP client against a scripted server over real sockets: the bytes on
+// the wire, the results, the reports sent to the sender, and the runs that
+// must end the process for a retry.  Each attempt runs in a child process:
+// level-2 failures end it with status 75.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "processus.h"
+#include "serveur_lmtp.h"
+#include "transport/transport.h"
+
+namespace {
+
+// Builds a line list from texts.
+Entete *Liste(const std::vector<std::string> &v) {
+    Entete *pet_Tete = nullptr;
+    Entete *pet_Curseur = nullptr;
+    for (const std::string &s : v) {
+        ChargeLigne(&pet_Curseur, s.c_str(), 0);
+        if (pet_Tete == nullptr) pet_Tete = pet_Curseur;
+    }
+    return pet_Tete;
+}
+
+// A body stream holding the bytes.
+FILE *Flux(const std::string &s) {
+    FILE *pf = tmpfile();
+    fwrite(s.data(), 1, s.size(), pf);
+    rewind(pf);
+    return pf;
+}
+
+const std::vector<std::string> ENTETE = {"From: a@b.example\n", "Subject: essai\n", "\n"};
+const std::string ENTETE_TEXTE = "From: a@b.example\nSubject: essai\n\n";
+const std::string CORPS = "Bonjour\nligne 2\n";
+
+// One attempt as the recipient loop makes it.
+struct Essai {
+    std::vector<std::string> v_Boites = {"alice"};
+    std::vector<std::string> v_Adresses = {"alice@vorane.example"};
+    std::vector<std::string> v_Entete = ENTETE;
+    std::string s_Corps = CORPS;
+    bool b_Flux = true;  // body as a stream, or loaded into the list
+    const char *pc_Suffixe = "";
+    const char *pc_RapportInitial = nullptr;
+};
+
+struct Issue {
+    ResultatEnfant r;
+    int i_Res = -999;  // Remise_LMTP's result when it returned
+    bool b_Rapport = false;
+    std::string s_Rapport;
+};
+
+// Runs one attempt in a child against the designation.
+Issue Tente(const std::string &s_Serveur, const Essai &e) {
+    Issue is;
+    is.r = ExecuteEnFils([&]() {
+        std::vector<char *> v_B, v_A;
+        for (const std::string &s : e.v_Boites) v_B.push_back(const_cast<char *>(s.c_str()));
+        for (const std::string &s : e.v_Adresses) v_A.push_back(const_cast<char *>(s.c_str()));
+        v_B.push_back(nullptr);
+        v_A.push_back(nullptr);
+        std::vector<std::string> v_Lignes = e.v_Entete;
+        if (!e.b_Flux) {
+            // The body as LitMessage leaves it: pieces of at most 1023 bytes.
+            FILE *pf = Flux(e.s_Corps);
+            char pc[TAILLE_LECTURE];
+            while (fgets(pc, sizeof pc, pf) != nullptr) v_Lignes.emplace_back(pc);
+            fclose(pf);
+        }
+        Entete *pet = Liste(v_Lignes);
+        gpet_EnteteMess = pet;
+        char *pc_Rapport = e.pc_RapportInitial ? strdup(e.pc_RapportInitial) : nullptr;
+        int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, v_B.data(), v_A.data(), e.pc_Suffixe,
+                            pet, e.b_Flux ? Flux(e.s_Corps) : nullptr, &pc_Rapport);
+        std::string s = std::to_string(i) + "|" + (pc_Rapport ? "1" : "0") + "|";
+        if (pc_Rapport) s += pc_Rapport;
+        return s;
+    });
+    std::size_t p1 = is.r.s_Retour.find('|');
+    if (p1 != std::string::npos) {
+        is.i_Res = atoi(is.r.s_Retour.c_str());
+        is.b_Rapport = is.r.s_Retour[p1 + 1] == '1';
+        is.s_Rapport = is.r.s_Retour.substr(p1 + 3);
+    }
+    return is;
+}
+
+// The replies of a dialogue that accepts everything, for n recipients.
+std::vector<EtapeLmtp> ScriptNominal(int n = 1) {
+    std::vector<EtapeLmtp> v = {Rep("220 lmtp ready\r\n"), Rep("250 2.1.0 ok\r\n")};
+    for (int i = 0; i < n; i++) v.push_back(Rep("250 2.1.5 ok\r\n"));
+    v.push_back(Rep("354 go ahead\r\n"));
+    v.push_back(Rep("250 2.1.5 Success\r\n"));
+    v.push_back(Rep("221 2.0.0 bye\r\n"));
+    return v;
+}
+
+class Lmtp : public ::testing::Test {
+protected:
+    void SetUp() override {
+        static char pc_From[] = "emetteur@ext.example";
+        gpc_MailFrom = pc_From;
+        gpc_RcptTo = "-";
+        gi_nbDestLcmd = 2;
+        snprintf(gPc_MessageId, sizeof gPc_MessageId, "id.1@ext.example");
+        gi_DelaiReseau = 2;
+        gi_DelaiFinDonnees = 2;
+    }
+};
+
+const std::string TETE_DEST = "Les destinataires suivants n'ont pas recu votre message:\n\n";
+
+// ---------------------------------------------------------------------------
+// Pure parts: reply classes and designations.
+// ---------------------------------------------------------------------------
+
+TEST(ClasseReponse, Table) {
+    struct Cas {
+        const char *pc;
+        ReponseLmtp e;
+    } t[] = {
+        {"220 host LMTP ready\r\n", ReponseLmtp::Accueil},
+        {"250 2.1.0 ok\r\n", ReponseLmtp::Ok},
+        {"250-continued\r\n", ReponseLmtp::Ok},
+        {"354 go ahead\r\n", ReponseLmtp::Donnees},
+        {"452 4.2.2 Over quota SESSIONID=<x>\r\n", ReponseLmtp::SurQuota},
+        {"452 4.2.2 over QUOTA\r\n", ReponseLmtp::SurQuota},
+        {"452 4.3.1 Insufficient storage\r\n", ReponseLmtp::Autre},
+        {"550 5.1.1 User unknown\r\n", ReponseLmtp::Permanente},
+        {"550-Mailbox unknown.\r\n550 5.1.1 User unknown\r\n", ReponseLmtp::Autre},
+        {"554 ", ReponseLmtp::Permanente},
+        {"554", ReponseLmtp::Autre},
+        {"5x0 bad\r\n", ReponseLmtp::Autre},
+        {"451 4.3.0 later\r\n", ReponseLmtp::Autre},
+        {"421 closing\r\n", ReponseLmtp::Autre},
+        {"", ReponseLmtp::Autre},
+        {"25", ReponseLmtp::Autre},
+        {nullptr, ReponseLmtp::Autre},
+    };
+    for (const Cas &c : t)
+        EXPECT_EQ(ClasseReponseLmtp(c.pc), c.e) << (c.pc ? c.pc : "(null)");
+}
+
+TEST(Designation, FormesEtRefus) {
+    struct Cas {
+        const char *pc;
+        int i_Res;
+        bool b_Unix;
+        const char *pc_Hote;
+        int i_Port;
+    } t[] = {
+        {nullptr, 0, false, "localhost", 2003},
+        {"", 0, false, "localhost", 2003},
+        {"store", 0, false, "store", 2003},
+        {"store:", 0, false, "store", 2003},
+        {":24", 0, false, "localhost", 24},
+        {"10.1.2.3:2424", 0, false, "10.1.2.3", 2424},
+        {"/var/run/lmtp", 0, true, "", 0},
+        {"h:abc", EINVAL, false, "", 0},
+        {"h:0", EINVAL, false, "", 0},
+        {"h:65536", EINVAL, false, "", 0},
+        {"h:24:25", EINVAL, false, "", 0},
+    };
+    for (const Cas &c : t) {
+        ServeurLmtp st;
+        int i = AnalyseServeurLmtp(c.pc, &st);
+        EXPECT_EQ(i, c.i_Res) << (c.pc ? c.pc : "(null)");
+        if (i != 0) continue;
+        EXPECT_EQ(st.b_Unix, c.b_Unix);
+        if (c.b_Unix) {
+            EXPECT_STREQ(st.Pc_Chemin, c.pc);
+        } else {
+            EXPECT_STREQ(st.Pc_Hote, c.pc_Hote);
+            EXPECT_EQ(st.i_Port, c.i_Port);
+        }
+    }
+    // A socket path of 107 bytes fits; 108 would be cut: refused.
+    ServeurLmtp st;
+    EXPECT_EQ(AnalyseServeurLmtp(("/" + std::string(106, 'p')).c_str(), &st), 0);
+    EXPECT_EQ(AnalyseServeurLmtp(("/" + std::string(107, 'p')).c_str(), &st), ENAMETOOLONG);
+    EXPECT_EQ(AnalyseServeurLmtp(std::string(128, 'h').c_str(), &st), ENAMETOOLONG);
+}
+
+// Stuffing a text cut anywhere into pieces gives the bytes of stuffing it
+// whole, and a server's un-stuffing gives the text back.
+TEST(Transparence, IndependanteDuDecoupage) {
+    const std::string s = ".\n..\n.x\nabc\n.\r\n\n.fin sans saut";
+    std::vector<char> v_Tout(2 * s.size());
+    Transparence st_Tout;
+    std::size_t n = AppliqueTransparence(&st_Tout, s.data(), s.size(), v_Tout.data());
+    const std::string s_Attendu = "..\n...\n..x\nabc\n..\r\n\n..fin sans saut";
+    ASSERT_EQ(std::string(v_Tout.data(), n), s_Attendu);
+    for (std::size_t i = 0; i <= s.size(); i++)
+        for (std::size_t j = i; j <= s.size(); j++) {
+            Transparence st;
+            std::vector<char> v(2 * s.size() + 2);
+            std::size_t k = AppliqueTransparence(&st, s.data(), i, v.data());
+            k += AppliqueTransparence(&st, s.data() + i, j - i, v.data() + k);
+            k += AppliqueTransparence(&st, s.data() + j, s.size() - j, v.data() + k);
+            ASSERT_EQ(std::string(v.data(), k), s_Attendu) << i << "," << j;
+        }
+}
+
+// ---------------------------------------------------------------------------
+// Whole dialogues.
+// ---------------------------------------------------------------------------
+
+TEST_F(Lmtp, DialogueNominalOctetPourOctet) {
+    for (bool b_Unix : {false, true}) {
+        ServeurLmtpEssai srv(ScriptNominal(), b_Unix);
+        Essai e;
+        e.pc_Suffixe = "+Spam";
+        Issue is = Tente(srv.Designation(), e);
+        EXPECT_EQ(is.r.i_Statut, 0) << is.r.s_Erreur;
+        EXPECT_EQ(is.i_Res, 0);
+        EXPECT_FALSE(is.b_Rapport);
+        EXPECT_EQ(srv.Recu(),
+                  "mail from:<emetteur@ext.example>\nrcpt to:<alice+Spam>\nDATA\n" + ENTETE_TEXTE +
+                      CORPS + "\n.\nQUIT\n");
+    }
+}
+
+// Lines ".", "..", ".x", a 5000-byte line that begins with "." and long
+// lines whose later pieces begin with "." come through intact, whether the
+// body is streamed or was loaded into the list in 1023-byte pieces; a
+// leading Return-Path line is dropped, a later one kept.
+TEST_F(Lmtp, TransparenceDesDonnees) {
+    std::string s_Corps = ".\n..\n.x\n" + ("." + std::string(4999, 'L')) + "\n";
+    s_Corps += std::string(1023, 'a') + ".milieu\n";  // second piece starts with "."
+    s_Corps += std::string(2046, 'b') + "..\n";       // third piece is ".."
+    s_Corps += ".\r\nfin sans saut de ligne";
+    for (bool b_Flux : {true, false}) {
+        ServeurLmtpEssai srv(ScriptNominal(), false);
+        Essai e;
+        e.s_Corps = s_Corps;
+        e.b_Flux = b_Flux;
+        e.v_Entete = {"Return-Path: <x@y>\n", "From: a@b.example\n", "return-path: <z@y>\n",
+                      ".Bizarre: en-tete\n", "\n"};
+        Issue is = Tente(srv.Designation(), e);
+        EXPECT_EQ(is.i_Res, 0) << is.r.s_Erreur;
+        bool b_Terminee = false;
+        std::string s_Donnees = DonneesRecues(srv.Recu(), &b_Terminee);
+        EXPECT_TRUE(b_Terminee);
+        EXPECT_EQ(s_Donnees, "From: a@b.example\nreturn-path: <z@y>\n.Bizarre: en-tete\n\n" +
+                                 s_Corps + "\n")
+            << (b_Flux ? "flux" : "liste");
+    }
+}
+
+TEST_F(Lmtp, RefusAvantLesDonnees) {
+    struct Cas {
+        const char *pc_Nom;
+        std::vector<EtapeLmtp> v_Script;
+        int i_Res;
+        const char *pc_Recu;  // everything the server received
+        const char *pc_Rapport;  // null: no report
+    } t[] = {
+        {"accueil_421", {Rep("421 4.3.2 shutting down\r\n")}, 1, "", nullptr},
+        {"emetteur_550",
+         {Rep("220 ok\r\n"), Rep("550 5.1.0 bad sender\r\n")},
+         0,
+         "mail from:<emetteur@ext.example>\n",
+         "Message rejet\xe9, adresse SMTP d'\xe9mission <emetteur@ext.example> non valable"},
+        {"emetteur_550_suite",
+         {Rep("220 ok\r\n"), Rep("550-first\r\n550 5.1.0 second\r\n")},
+         1,
+         "mail from:<emetteur@ext.example>\n",
+         nullptr},
+        {"emetteur_451",
+         {Rep("220 ok\r\n"), Rep("451 4.3.0 later\r\n")},
+         1,
+         "mail from:<emetteur@ext.example>\n",
+         nullptr},
+        {"data_451",
+         {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), Rep("451 no data now\r\n")},
+         1,
+         "mail from:<emetteur@ext.example>\nrcpt to:<alice>\nDATA\n",
+         nullptr},
+    };
+    for (const Cas &c : t) {
+        ServeurLmtpEssai srv(c.v_Script, false);
+        Essai e;
+        Issue is = Tente(srv.Designation(), e);
+        EXPECT_EQ(is.r.i_Statut, 0) << c.pc_Nom << is.r.s_Erreur;
+        EXPECT_EQ(is.i_Res, c.i_Res) << c.pc_Nom;
+        EXPECT_EQ(srv.Recu(), c.pc_Recu) << c.pc_Nom;
+        EXPECT_EQ(is.b_Rapport, c.pc_Rapport != nullptr) << c.pc_Nom;
+        if (c.pc_Rapport) {
+            EXPECT_EQ(is.s_Rapport, c.pc_Rapport) << c.pc_Nom;
+        }
+    }
+}
+
+// One recipient over quota, one accepted: a report line for the first, the
+// data for the second.  Markers exist for both when their command arrives.
+TEST_F(Lmtp, SurQuotaPuisAccepte) {
+    const std::string s_Remises = std::string(RACINE_SPOOL_ESSAI) + "Remises/";
+    unlink((s_Remises + "plein").c_str());
+    unlink((s_Remises + "bob").c_str());
+    auto f_Temoin = [s_Remises](const std::string &s_Boite, const std::string &s_Rep) {
+        return [=](const std::string &) {
+            struct stat st;
+            return stat((s_Remises + s_Boite).c_str(), &st) == 0 ? s_Rep
+                                                                 : std::string("599 pas de temoin\r\n");
+        };
+    };
+    std::vector<EtapeLmtp> v = ScriptNominal(2);
+    v[2].f_Reponse = f_Temoin("plein", "452 4.2.2 Over quota SESSIONID=<s-1>\r\n");
+    v[3].f_Reponse = f_Temoin("bob", "250 2.1.5 ok\r\n");
+    ServeurLmtpEssai srv(v, false);
+    Essai e;
+    e.v_Boites = {"plein", "bob"};
+    e.v_Adresses = {"plein@vorane.example", "bob@vorane.example"};
+    Issue is = Tente(srv.Designation(), e);
+    EXPECT_EQ(is.i_Res, 0) << is.r.s_Erreur;
+    EXPECT_EQ(is.s_Rapport, TETE_DEST +
+                                "Destinataire <plein@vorane.example>, r\xe9ponse du serveur :\n"
+                                "Bo\xeete pleine, message refus\xe9 ...\n");
+    EXPECT_NE(DonneesRecues(srv.Recu()), "");
+}
+
+// Every recipient refused: no DATA, one report line each (the reply as
+// received), result 0.  A mailbox name that would break the command line is
+// never sent and is reported the same way.
+TEST_F(Lmtp, TousRefuses) {
+    ServeurLmtpEssai srv({Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("550 5.1.1 User unknown\r\n"),
+                          Rep("451 4.2.0 later\r\n")},
+                         false);
+    Essai e;
+    e.v_Boites = {"inconnu", "x>\nrcpt to:<victime", "tard"};
+    e.v_Adresses = {"inconnu@v.example", "pirate@v.example", "tard@v.example"};
+    Issue is = Tente(srv.Designation(), e);
+    EXPECT_EQ(is.i_Res, 0) << is.r.s_Erreur;
+    EXPECT_EQ(srv.Recu(),
+              "mail from:<emetteur@ext.example>\nrcpt to:<inconnu>\nrcpt to:<tard>\n");
+    EXPECT_EQ(is.s_Rapport,
+              TETE_DEST +
+                  "Destinataire <inconnu@v.example>, r\xe9ponse du serveur :\n550 5.1.1 User unknown\r\n\n"
+                  "Destinataire <pirate@v.example>, r\xe9ponse du serveur :\n"
+                  "Adresse de bo\xeete aux lettres non valable\n\n"
+                  "Destinataire <tard@v.example>, r\xe9ponse du serveur :\n451 4.2.0 later\r\n\n");
+}
+
+// A report left by an earlier attempt: kept and added to over a Unix socket,
+// dropped over TCP.
+TEST_F(Lmtp, RapportPrecedent) {
+    for (bool b_Unix : {true, false}) {
+        std::vector<EtapeLmtp> v = ScriptNominal();
+        v[4] = Rep("554 5.6.0 Message contains invalid header\r\n");
+        v.pop_back();
+        ServeurLmtpEssai srv(v, b_Unix);
+        Essai e;
+        e.pc_RapportInitial = "avant";
+        Issue is = Tente(srv.Designation(), e);
+        EXPECT_EQ(is.r.i_Statut, 0);
+        EXPECT_EQ(is.i_Res, 0);
+        EXPECT_NE(is.r.s_Erreur.find(" !ERR:4, v1.1.0/1551: Message non remis, reponse <554 5.6.0 "),
+                  std::string::npos);
+        const std::string s_Data =
+            "Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
+            "554 5.6.0 Message contains invalid header\r\n";
+        EXPECT_EQ(is.s_Rapport, b_Unix ? "avant\n\n" + s_Data : s_Data);
+        // No QUIT after a refusal of the data.
+        std::string s_Recu = srv.Recu();
+        EXPECT_EQ(s_Recu.substr(s_Recu.size() - 3), "\n.\n");
+    }
+}
+
+// A server that closes or stalls never yields 0: before the data the attempt
+// fails with a non-zero result, after it the process ends for a retry.
+TEST_F(Lmtp, FermetureEtBlocage) {
+    struct Cas {
+        const char *pc_Nom;
+        std::vector<EtapeLmtp> v_Script;
+        int i_Res;      // expected result, or -1: the process ends with 75
+        const char *pc_Message;  // in standard error when it ends
+    } t[] = {
+        {"ferme_accueil", {Ferme()}, ECONNRESET, nullptr},
+        {"ferme_rcpt", {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Ferme()}, ECONNRESET, nullptr},
+        {"bloque_accueil", {Bloque()}, ETIMEDOUT, nullptr},
+        {"bloque_mail", {Rep("220 ok\r\n"), Bloque()}, ETIMEDOUT, nullptr},
+        {"ferme_fin_donnees",
+         {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), Rep("354 go\r\n"), Ferme()},
+         -1,
+         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=104"},
+        {"bloque_fin_donnees",
+         {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), Rep("354 go\r\n"), Bloque()},
+         -1,
+         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=110"},
+        {"451_fin_donnees",
+         {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), Rep("354 go\r\n"),
+          Rep("451 4.3.0 later\r\n")},
+         -1,
+         "v1.1.0/1570: Reponse <.>=<451 4.3.0 later\r\n>"},
+        {"ferme_quit",
+         {Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), Rep("354 go\r\n"),
+          Rep("250 ok\r\n"), Ferme()},
+         -1,
+         "v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit"},
+    };
+    gi_DelaiReseau = 1;
+    gi_DelaiFinDonnees = 1;
+    for (const Cas &c : t) {
+        ServeurLmtpEssai srv(c.v_Script, false);
+        Essai e;
+        Issue is = Tente(srv.Designation(), e);
+        if (c.i_Res >= 0) {
+            EXPECT_EQ(is.r.i_Statut, 0) << c.pc_Nom << is.r.s_Erreur;
+            EXPECT_EQ(is.i_Res, c.i_Res) << c.pc_Nom;
+        } else {
+            EXPECT_EQ(is.r.i_Statut, 75) << c.pc_Nom;
+            EXPECT_NE(is.r.s_Erreur.find(std::string(" !ERR:2, ") + c.pc_Message), std::string::npos)
+                << c.pc_Nom << ": " << is.r.s_Erreur;
+        }
+    }
+}
+
+// A server that stops reading during a large body: the write guard fires
+// and the process ends for a retry, never with the message taken as sent.
+TEST_F(Lmtp, ServeurQuiNeLitPlus) {
+    gi_DelaiReseau = 1;
+    EtapeLmtp st_Donnees = Rep("354 go\r\n");
+    st_Donnees.b_BloqueApres = true;
+    ServeurLmtpEssai srv({Rep("220 ok\r\n"), Rep("250 ok\r\n"), Rep("250 ok\r\n"), st_Donnees},
+                         true);
+    Essai e;
+    e.s_Corps = std::string(8 << 20, 'x');  // beyond any socket buffer
+    Issue is = Tente(srv.Designation(), e);
+    EXPECT_EQ(is.r.i_Statut, 75);
+    EXPECT_NE(is.r.s_Erreur.find(" !ERR:2, v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps "
+                                 "du message, errno=110"),
+              std::string::npos)
+        << is.r.s_Erreur;
+}
+
+}  // namespace
