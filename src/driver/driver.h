@@ -44,6 +44,33 @@ struct OptionsRemise {
     char **tpc_UidLmtp = nullptr;
 };
 
+// What the sender analysis found, for the header rewriting and the loop.
+struct AnalyseEmetteur {
+    char Pc_Adresse[TAILLE_ADRESSE] = "";  // the From address, with fall-backs
+    char Pc_Nom[TAILLE_PHRASE] = "";       // display name for the new From
+    const char *pc_PassagePrecedent = "";  // "\t+ from original: ..." of a former pass
+    int i_mdf = 0;              // From differs from the envelope (or robot / empty)
+    int i_lda = 1;              // envelope sender well formed
+    int i_fdv = 0;              // envelope sender in the internal domain
+    int i_Robot = 0;            // envelope sender empty or a mailer daemon
+    int i_NonAuthentifie = 0;   // internal zone, outside the internal domain
+    const char *pc_MarqueOrigine = "";   // in front of the display name
+    const char *pc_LibelleOrigine = "";  // X-ravokOrigine and the display name
+};
+
+// Reads the header, builds the working copy, captures the Message-Id,
+// analyses the sender, opens the directory and finds the origin zone.
+void AnalyseMessage(const OptionsRemise *pst_Options, AnalyseEmetteur *pst_Analyse);
+
+// Rewrites the working header; returns the mailbox suffix for LMTP (-c, or
+// -s for a message flagged as spam).
+const char *ReecritEntete(const OptionsRemise *pst_Options, AnalyseEmetteur *pst_Analyse);
+
+// Handles every recipient and delivers the LMTP ones; ends the process.
+[[noreturn]] void BoucleDestinataires(OptionsRemise *pst_Options,
+                                      const AnalyseEmetteur *pst_Analyse,
+                                      const char *pc_Suffixe);
+
 // Entry operation of the process (returns only for the "-decode" form).
 int RemiseVorane(int argc, char **argv);
 

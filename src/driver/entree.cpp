@@ -170,15 +170,13 @@ void VerifieEnveloppe() {
     }
 }
 
-// The delivery stages that follow the command line.  This build stops here:
-// the message is left with Postfix, which will try again.
+// The delivery stages that follow the command line: reading and sender
+// analysis, header rewriting, the recipients.  Ends the process.
 [[noreturn]] void Remise(OptionsRemise *pst) {
-    (void)pst;
-    TraitementErreur(NIVEAU_CRITIQUE,
-                     "v1.1.0/3650: Remise non disponible dans cette version, message laisse a "
-                     "Postfix pour nouvelle tentative. %s",
-                     gPc_InfoMessEnCours);
-    FinProcessus(STATUT_REESSAI);
+    AnalyseEmetteur st_Analyse;
+    AnalyseMessage(pst, &st_Analyse);
+    const char *pc_Suffixe = ReecritEntete(pst, &st_Analyse);
+    BoucleDestinataires(pst, &st_Analyse, pc_Suffixe);
 }
 
 }  // namespace

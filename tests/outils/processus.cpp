@@ -32,7 +32,8 @@ bool LitDisponible(int i_Fd, std::string &s) {
 }  // namespace
 
 ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const std::string &s_Entree,
-                                 int i_LimiteSecondes, const std::vector<std::string> &v_Env) {
+                                 int i_LimiteSecondes, const std::vector<std::string> &v_Env,
+                                 bool b_EntreeOuverte) {
     ResultatProcessus r;
     int t_In[2], t_Out[2], t_Err[2];
     if (pipe2(t_In, O_CLOEXEC) || pipe2(t_Out, O_CLOEXEC) || pipe2(t_Err, O_CLOEXEC)) return r;
@@ -68,8 +69,10 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
     auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
     std::size_t t_Ecrit = 0;
     int i_In = t_In[1];
+    int i_InGarde = -1;  // kept open, never written, when the input must stay open
     if (s_Entree.empty()) {
-        close(i_In);
+        if (b_EntreeOuverte) i_InGarde = i_In;
+        else close(i_In);
         i_In = -1;
     }
     bool b_Out = true, b_Err = true;
@@ -98,13 +101,15 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
             if (w > 0) t_Ecrit += static_cast<std::size_t>(w);
             if (w < 0 && errno != EAGAIN && errno != EINTR) t_Ecrit = s_Entree.size();
             if (t_Ecrit >= s_Entree.size()) {
-                close(i_In);
+                if (b_EntreeOuverte) i_InGarde = i_In;
+                else close(i_In);
                 i_In = -1;
             }
         }
     }
     signal(SIGPIPE, p_Ancien);
     if (i_In >= 0) close(i_In);
+    if (i_InGarde >= 0) close(i_InGarde);
     close(t_Out[0]);
     close(t_Err[0]);
     int i_Etat = 0;

@@ -18,10 +18,13 @@ struct ResultatProcessus {
     int i_Pid = 0;            // the child's process id
 };
 
-// Runs the program; environment as the parent's plus the given NAME=VALUE pairs.
+// Runs the program; environment as the parent's plus the given NAME=VALUE
+// pairs.  With b_EntreeOuverte the program's standard input is never closed
+// (a sender that stalls after the input given).
 ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv,
                                  const std::string &s_Entree = "", int i_LimiteSecondes = 60,
-                                 const std::vector<std::string> &v_Env = {});
+                                 const std::vector<std::string> &v_Env = {},
+                                 bool b_EntreeOuverte = false);
 
 // Files of the directory whose names begin with the prefix, full paths, sorted.
 std::vector<std::string> FichiersCommencantPar(const std::string &s_Repertoire,

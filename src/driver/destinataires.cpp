@@ -1,0 +1,202 @@
+// destinataires.cpp - the recipient loop and the LMTP delivery.
+//
+// BoucleDestinataires looks every envelope recipient up in the directory, in
+// command-line order, and dispatches on its delivery kind (ravokVixRemise,
+// any case): LMTP recipients are collected, NULL is dropped, ATTENTE ends
+// the run at once with status 75 (Postfix retries the whole message), and
+// every other kind is reported at level -3 so that nothing is lost
+// silently.  The list and Sympa kinds are not delivered by this build: they
+// are reported like an unsupported kind.  After the loop the directory is
+// closed and the collected recipients get one LMTP transaction, at most
+// three attempts gi_DelaiEntreEssaisLmtp (10 s) apart; the run ends with
+// status 0, or 75 after three failed attempts (4549).
+// Messages: 4198 not in the directory, 4205 no delivery kind, 4422 list
+// kind not supported, 4499 kind not supported, 4196 recipient too long for a
+// filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
+// ATTENTE (information); 4545 refusal report of the store (level 4).
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "directory/directory.h"
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "message/message.h"
+#include "report/report.h"
+#include "transport/transport.h"
+
+namespace {
+
+// Delivery kinds and how their value is recognised, in the order tested.
+enum class TypeRemise { Lmtp, Liste, ListeMu, ListeInconnue, Sympa, SympaBounce, Null, Attente, Inconnu };
+enum class Comparaison { Prefixe, Exacte };
+struct RegleRemise {
+    const char *pc_Valeur;
+    Comparaison e_Comparaison;
+    TypeRemise e_Type;
+};
+const RegleRemise st_Remises[] = {
+    {"LMTP", Comparaison::Prefixe, TypeRemise::Lmtp},
+    {"LISTE", Comparaison::Exacte, TypeRemise::Liste},
+    {"LISTE-BR", Comparaison::Exacte, TypeRemise::Liste},
+    {"LISTE-MU", Comparaison::Exacte, TypeRemise::ListeMu},
+    {"LISTE", Comparaison::Prefixe, TypeRemise::ListeInconnue},
+    {"SYMPA", Comparaison::Exacte, TypeRemise::Sympa},
+    {"SYMPA-BOUNCE", Comparaison::Exacte, TypeRemise::SympaBounce},
+    {"NULL", Comparaison::Exacte, TypeRemise::Null},
+    {"ATTENTE", Comparaison::Exacte, TypeRemise::Attente},
+};
+
+// The kind named by a ravokVixRemise value.
+TypeRemise TypeDeRemise(const char *pc_Valeur) {
+    for (const RegleRemise &st : st_Remises) {
+        bool b = st.e_Comparaison == Comparaison::Prefixe
+                     ? strncasecmp(pc_Valeur, st.pc_Valeur, strlen(st.pc_Valeur)) == 0
+                     : strcasecmp(pc_Valeur, st.pc_Valeur) == 0;
+        if (b) return st.e_Type;
+    }
+    return TypeRemise::Inconnu;
+}
+
+// Recipients collected for the LMTP transaction.
+struct CollecteLmtp {
+    char **tpc_Uid;
+    char **tpc_Adresses;
+    int i_Nb = 0;
+};
+
+// Handles one recipient: lookup, main-server flag, dispatch.
+void TraiteDestinataire(OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp) {
+    char pc_Filtre[TAILLE_FILTRE];
+    if (ConstruitFiltreLdap(pc_Filtre, sizeof pc_Filtre, "mail", gpc_RcptTo) != 0) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4196: Destinataire <%s> trop long pour un filtre annuaire. %s",
+                         gpc_RcptTo, gPc_InfoMessEnCours);
+        return;
+    }
+    char **ttpc_Valeurs[NB_ATTR_LDAP_DEST + 1] = {};
+    if (RecupUneEntreeLdap(gld, pc_Filtre, gtpc_AttrLdapDest, ttpc_Valeurs) == 0) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4198: Destinataire <%s> non trouve dans l'annuaire. %s",
+                         gpc_RcptTo, gPc_InfoMessEnCours);
+        return;
+    }
+    auto Valeur = [&](const char *pc_Nom) {
+        return pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, pc_Nom, 0);
+    };
+
+    const char *pc_Remise = Valeur("ravokVixRemise");
+    if (pc_Remise == nullptr) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. %s",
+                         gPc_InfoMessEnCours);
+    } else {
+        const char *pc_Principal = Valeur("ravokVixServeurPrincipal");
+        if (pst_Options->tpc_ServeursPrincipaux[0] != nullptr && pc_Principal != nullptr)
+            gi_OnEstSurServeurPrincipal =
+                EstServeurPrincipal(pst_Options->tpc_ServeursPrincipaux, pc_Principal);
+
+        switch (TypeDeRemise(pc_Remise)) {
+        case TypeRemise::Lmtp: {
+            const char *pc_Uid = Valeur("uid");
+            char *pc_Copie = pc_Uid != nullptr ? strdup(pc_Uid) : nullptr;
+            if (pc_Uid == nullptr) {
+                // Without a mailbox identifier the recipient cannot be
+                // delivered; it is a directory error, not a cut array.
+                TraitementErreur(NIVEAU_ERREUR_SUITE,
+                                 "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une "
+                                 "remise LMTP. %s",
+                                 gPc_InfoMessEnCours);
+            } else if (pc_Copie == nullptr) {
+                TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/4476: Erreur Malloc uid. %s",
+                                 gPc_InfoMessEnCours);
+            } else {
+                pst_Lmtp->tpc_Uid[pst_Lmtp->i_Nb] = pc_Copie;
+                pst_Lmtp->tpc_Adresses[pst_Lmtp->i_Nb] = const_cast<char *>(gpc_RcptTo);
+                pst_Lmtp->i_Nb++;
+            }
+            break;
+        }
+        case TypeRemise::ListeInconnue:
+            TraitementErreur(NIVEAU_ERREUR_SUITE,
+                             "v1.1.0/4422: Erreur annuaire, type de liste non supporte, "
+                             "'ravokVixRemise=%s'. %s",
+                             pc_Remise, gPc_InfoMessEnCours);
+            break;
+        case TypeRemise::Null:
+            syslog(LOG_INFO, "v1.1.0/4478: Remise NULL. %s", gPc_InfoMessEnCours);
+            break;
+        case TypeRemise::Attente:
+            syslog(LOG_INFO, "v1.1.0/4491: Remise ATTENTE. %s", gPc_InfoMessEnCours);
+            FinProcessus(STATUT_REESSAI);
+        case TypeRemise::Liste:
+        case TypeRemise::ListeMu:
+        case TypeRemise::Sympa:
+        case TypeRemise::SympaBounce:
+        case TypeRemise::Inconnu:
+            TraitementErreur(NIVEAU_ERREUR_SUITE,
+                             "v1.1.0/4499: Erreur annuaire, type de remise non supporte, "
+                             "'ravokVixRemise=%s'. %s",
+                             pc_Remise, gPc_InfoMessEnCours);
+            break;
+        }
+    }
+    for (int i = 0; i < NB_ATTR_LDAP_DEST; i++) LibereValeursLdap(ttpc_Valeurs[i]);
+}
+
+// The store refused something for good: the sender is to hear of it.  The
+// notice mail is not built yet; the report is kept in the log and a dump.
+void RapportRefusLmtp(const char *pc_Rapport) {
+    TraitementErreur(NIVEAU_AVERTISSEMENT,
+                     "v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: %s. %s",
+                     pc_Rapport, gPc_InfoMessEnCours);
+}
+
+// One LMTP transaction for the collected recipients, three attempts at most.
+void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const char *pc_Suffixe) {
+    char *pc_Rapport = nullptr;
+    for (int i_Essais = 0;; i_Essais++) {
+        int i_Res = Remise_LMTP(pst_Options->pc_ServeurLmtp, gpc_MailFrom, pst_Lmtp->tpc_Uid,
+                                pst_Lmtp->tpc_Adresses, pc_Suffixe, gpet_EnteteMess, stdin,
+                                &pc_Rapport);
+        if (i_Res == 0) {
+            if (pc_Rapport != nullptr && gi_OnEstSurServeurPrincipal) RapportRefusLmtp(pc_Rapport);
+            return;
+        }
+        if (i_Essais >= 2)
+            TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/4549: Trop d'essais Remise_LMTP sur %s, cr=%d. %s",
+                             pst_Options->pc_ServeurLmtp != nullptr ? pst_Options->pc_ServeurLmtp : "",
+                             i_Res, gPc_InfoMessEnCours);
+        sleep(static_cast<unsigned>(gi_DelaiEntreEssaisLmtp));
+    }
+}
+
+}  // namespace
+
+// The loop over the recipients, then the LMTP delivery; ends the process.
+void BoucleDestinataires(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
+                         const char *pc_Suffixe) {
+    (void)pst_Analyse;  // the sender address feeds the restriction and reply rules
+    CollecteLmtp st_Lmtp;
+    st_Lmtp.tpc_Uid = pst_Options->tpc_UidLmtp;
+    st_Lmtp.tpc_Adresses = pst_Options->tpc_AdrLmtp;
+
+    for (int i_Rang = 1; i_Rang <= gi_nbDestLcmd; i_Rang++) {
+        gpc_RcptTo = gtpc_RcptTo[i_Rang - 1];
+        MajInfoMessEnCours(gPc_MessageId, i_Rang);
+        TraiteDestinataire(pst_Options, &st_Lmtp);
+    }
+
+    st_Lmtp.tpc_Uid[st_Lmtp.i_Nb] = nullptr;
+    st_Lmtp.tpc_Adresses[st_Lmtp.i_Nb] = nullptr;
+    ldapClose(&gld);
+    if (st_Lmtp.i_Nb > 1) gpc_RcptTo = "-";
+    else if (st_Lmtp.i_Nb == 1) gpc_RcptTo = st_Lmtp.tpc_Adresses[0];
+    MajInfoMessEnCours(gPc_MessageId, 0);
+
+    if (st_Lmtp.i_Nb > 0) RemiseLmtp(pst_Options, &st_Lmtp, pc_Suffixe);
+    FinProcessus(STATUT_FAIT);
+}

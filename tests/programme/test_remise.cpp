@@ -1,0 +1,342 @@
+// The whole program as Postfix runs it, against a real slapd and the
+// scripted LMTP server: the bytes the store receives, the rewritten header,
+// the recipient loop's outcomes and the exit status.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "annuaire_essai.h"
+#include "processus.h"
+#include "serveur_lmtp.h"
+
+namespace {
+
+const std::string PROG = CHEMIN_REMISE_VORANE_ESSAI;
+
+// Directory of the suite: mailboxes, the other delivery kinds, broken
+// entries, and an external sender known by its address.
+std::string Boite(const std::string &s_Uid, const std::string &s_Cn, const std::string &s_Remise,
+                  const std::string &s_Plus = "") {
+    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
+                                      "uid: " + s_Uid + "\ncn: " + s_Cn + "\nsn: " + s_Uid +
+                                          "\nmail: " + s_Uid + "@vorane.example\n"
+                                          "ravokVixRemise: " + s_Remise + "\n" + s_Plus);
+}
+
+const std::string ENTREES =
+    Boite("alice", "Alice Martin", "LMTP", "ravokVixmailEmission: a.martin@vorane.example\n") +
+    Boite("bob", "Bob", "lmtp") + Boite("carole", "Carole", "LMTP-cyrus") +
+    Boite("nul", "Nul", "NULL") + Boite("attente", "Attente", "ATTENTE") +
+    Boite("bizarre", "Bizarre", "FAX") + Boite("symp", "Sympa", "SYMPA") +
+    EntreeLdif("cn=sansuid", "objectClass: ravokVixListe\ncn: sansuid\n"
+                             "mail: sansuid@vorane.example\nravokVixRemise: LMTP\n") +
+    EntreeLdif("uid=sansremise", "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\n"
+                                 "mail: sansremise@vorane.example\n") +
+    EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
+                          "mail: ext@partenaire.test\n");
+
+// Accepts a transaction for n recipients.
+std::vector<EtapeLmtp> ScriptAccepte(int n) {
+    std::vector<EtapeLmtp> v = {Rep("220 lmtp ready\n"), Rep("250 2.1.0 ok\n")};
+    for (int i = 0; i < n; i++) v.push_back(Rep("250 2.1.5 ok\n"));
+    v.push_back(Rep("354 go ahead\n"));
+    v.push_back(Rep("250 2.1.5 Success\n"));
+    v.push_back(Rep("221 2.0.0 bye\n"));
+    return v;
+}
+
+class Remise : public ::testing::Test {
+protected:
+    static AnnuaireEssai sst_Annuaire;
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur;
+    }
+    static void TearDownTestSuite() { ArreteAnnuaire(&sst_Annuaire); }
+
+    // Runs the program for the recipients with the message on its input.
+    ResultatProcessus Lance(const std::string &s_Lmtp, const std::string &s_Emetteur,
+                            const std::vector<std::string> &v_Dest, const std::string &s_Message,
+                            std::vector<std::string> v_Options = {}) {
+        std::vector<std::string> v = {PROG, "-r", s_Lmtp, "-l", sst_Annuaire.s_Hote};
+        v.insert(v.end(), v_Options.begin(), v_Options.end());
+        v.push_back("-e");
+        v.push_back(s_Emetteur);
+        v.push_back("-d");
+        v.insert(v.end(), v_Dest.begin(), v_Dest.end());
+        return LanceProgramme(v, s_Message, 60);
+    }
+};
+AnnuaireEssai Remise::sst_Annuaire;
+
+// The trace header's first line, with its date as a pattern.
+const std::string DATE = "[0-3][0-9]/[01][0-9]/20[0-9][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9]";
+
+// Replaces the date of the trace header by "<date>" after checking its form.
+std::string SansDate(const std::string &s) {
+    return std::regex_replace(s, std::regex("v1\\.1\\.0; le " + DATE + ";"), "v1.1.0; le <date>;");
+}
+
+const std::string MESSAGE_EXTERNE =
+    "Return-Path: <ext@partenaire.test>\n"
+    "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+    "Message-ID: <essai-1@partenaire.test>\n"
+    "From: Jean Dupont <ext@partenaire.test>\n"
+    "To: alice@vorane.example\n"
+    "Subject: essai\n"
+    "\n"
+    "corps\n"
+    ".\n"
+    "..x\n";
+
+// Three mailbox recipients share one transaction; the store gets the
+// rewritten header and the body, dot-stuffed, and the run ends with 0.
+TEST_F(Remise, TroisBoitesUneTransaction) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(3), false);
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                {"Alice@Vorane.Example", "bob@vorane.example", "carole@vorane.example"},
+                                MESSAGE_EXTERNE);
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(r.s_Erreur, "remise-vorane[" + std::to_string(r.i_Pid) +
+                              "]: message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, "
+                              "to=<->(-/3)\n");
+    std::string s_Recu = st_Lmtp.Recu();
+    EXPECT_EQ(SansDate(s_Recu),
+              "mail from:<ext@partenaire.test>\n"
+              "rcpt to:<alice>\nrcpt to:<bob>\nrcpt to:<carole>\n"
+              "DATA\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "\t+ mdf=0; lda=1; ea=1; eab=0; fdv=0;\n"
+              "\t+ from original: Jean Dupont <ext@partenaire.test>\n"
+              "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+              "Message-ID: <essai-1@partenaire.test>\n"
+              "From: \"> Jean Externe (par Internet)\"\n\t<ext@partenaire.test>\n"
+              "X-ravokOrigine: par Internet\n"
+              "Reply-to: \"Jean Externe\"\n\t<ext@partenaire.test>\n"
+              "To: alice@vorane.example\n"
+              "Subject: essai\n"
+              "\n"
+              "corps\n"
+              "..\n"
+              "...x\n"
+              "\n.\n"
+              "QUIT\n");
+}
+
+// A sender that differs from the From, an 8-bit Subject, an existing
+// Reply-To, and a spam flag: from-differs line, the deposit in the display
+// name (UTF-8 text converted to the From's character set), the Subject
+// encoded with the original kept in the trace header, the -s suffix.
+TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), true);
+    std::string s_Message =
+        "Received: from x ([10.0.1.5])\n"
+        "From: =?ISO-8859-1?Q?J=E9r=F4me?= <jerome@partenaire.test>\n"
+        "Reply-To: ailleurs@partenaire.test\n"
+        "Subject: caf\xe9 cr\xe8me\n"
+        "X-Spam-Flag: YES\n"
+        "\n"
+        "corps\n";
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "robot@envoi.test", {"alice@vorane.example"},
+                                s_Message, {"-c", "", "-s", "+Spam"});
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    std::string s_Recu = SansDate(st_Lmtp.Recu());
+    EXPECT_NE(s_Recu.find("rcpt to:<alice+Spam>\n"), std::string::npos) << s_Recu;
+    EXPECT_NE(s_Recu.find("X-Remise-Vorane: v1.1.0; le <date>;\n"
+                          "\t+ mdf=1; lda=1; ea=0; eab=0; fdv=0;\n"
+                          "\t+ sujet original: caf\xe9 cr\xe8me\n"
+                          "\t+ from original: =?ISO-8859-1?Q?J=E9r=F4me?= <jerome@partenaire.test>\n"
+                          "From: =?ISO-8859-1?Q?=22=3E_J=E9r=F4me_=28par_Internet=2C_d=E9p=F4t_robot=40?=\n"
+                          "\t=?ISO-8859-1?Q?envoi=2Etest=29=22?=\n"
+                          "\t<jerome@partenaire.test>\n"
+                          "X-ravokOrigine: par Internet\n"
+                          "X-ravokFromDifferent: 1\n"
+                          "Reply-To: ailleurs@partenaire.test\n"
+                          "Subject: =?iso8859-15?Q?caf=E9_cr=E8me?=\n"),
+              std::string::npos)
+        << s_Recu;
+}
+
+// ATTENTE second of three: the run stops there with 75; the mailbox met
+// before it is not delivered in this run and the third is never looked at.
+TEST_F(Remise, AttenteArreteLaRemise) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+    ResultatProcessus r =
+        Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+              {"alice@vorane.example", "attente@vorane.example", "inconnu@vorane.example"},
+              MESSAGE_EXTERNE);
+    EXPECT_EQ(r.i_Statut, 75);
+    EXPECT_EQ(r.s_Erreur.find("inconnu"), std::string::npos) << r.s_Erreur;
+    EXPECT_EQ(st_Lmtp.Recu(1), "");
+}
+
+// NULL drops, unknown and broken entries are reported at level -3 with a
+// dump file each, and the mailbox among them is still delivered.
+TEST_F(Remise, DestinatairesEnErreurEtSuite) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                {"nul@vorane.example", "inconnu@vorane.example",
+                                 "sansuid@vorane.example", "sansremise@vorane.example",
+                                 "bizarre@vorane.example", "symp@vorane.example",
+                                 "bob@vorane.example"},
+                                MESSAGE_EXTERNE);
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    const std::string s_Info = "message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, to=";
+    for (const std::string &s :
+         {"v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire. " + s_Info +
+              "<inconnu@vorane.example>(2/7)",
+          "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP. " + s_Info +
+              "<sansuid@vorane.example>(3/7)",
+          "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. " + s_Info +
+              "<sansremise@vorane.example>(4/7)",
+          "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=FAX'. " +
+              s_Info + "<bizarre@vorane.example>(5/7)",
+          "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=SYMPA'. " +
+              s_Info + "<symp@vorane.example>(6/7)"})
+        EXPECT_NE(r.s_Erreur.find(" !ERR:-3, " + s + "\n" + s + "\n"), std::string::npos) << s;
+    std::vector<std::string> v_Dumps = FichiersCommencantPar(
+        std::string(RACINE_SPOOL_ESSAI) + "Erreurs", "ERR.remise." + std::to_string(r.i_Pid) + ".");
+    EXPECT_EQ(v_Dumps.size(), 5u);
+    for (const std::string &s : v_Dumps) {
+        std::string s_Dump = LitFichier(s);
+        EXPECT_NE(s_Dump.find("\nAction: LOG_ERR, pour avis de non remise\n"), std::string::npos);
+        EXPECT_NE(s_Dump.find("Dest[7]=<bob@vorane.example>\n"), std::string::npos);
+        EXPECT_NE(s_Dump.find("O>From: Jean Dupont <ext@partenaire.test>\n"), std::string::npos);
+        EXPECT_NE(s_Dump.find("T>X-Remise-Vorane: v1.1.0; le "), std::string::npos);
+    }
+    std::string s_Recu = st_Lmtp.Recu();
+    EXPECT_EQ(s_Recu.substr(0, s_Recu.find("DATA\n")),
+              "mail from:<ext@partenaire.test>\nrcpt to:<bob>\n");
+}
+
+// A store that cannot be reached: three attempts, then 75 for Postfix.
+TEST_F(Remise, TroisEssaisPuisNouvelleTentativeParPostfix) {
+    std::string s_Hote = "127.0.0.1:" + std::to_string(PortLibre());
+    ResultatProcessus r = Lance(s_Hote, "ext@partenaire.test", {"alice@vorane.example"},
+                                MESSAGE_EXTERNE);
+    EXPECT_EQ(r.i_Statut, 75);
+    EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/4549: Trop d'essais Remise_LMTP sur " + s_Hote +
+                              ", cr=111. message-id=<essai-1@partenaire.test>, "
+                              "from=<ext@partenaire.test>, to=<alice@vorane.example>(-/1)\n"),
+              std::string::npos)
+        << r.s_Erreur;
+}
+
+// A recipient refused by the store: the others are delivered, the run ends
+// with 0, and the refusal is kept for the sender's notice.
+TEST_F(Remise, RefusDUneBoite) {
+    std::vector<EtapeLmtp> v = {Rep("220 ready\n"), Rep("250 ok\n"),
+                                Rep("550 5.1.1 User unknown\n"), Rep("250 ok\n"), Rep("354 go\n"),
+                                Rep("250 ok\n"), Rep("221 bye\n")};
+    ServeurLmtpEssai st_Lmtp(v, false);
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                {"alice@vorane.example", "bob@vorane.example"}, MESSAGE_EXTERNE);
+    EXPECT_EQ(r.i_Statut, 0);
+    EXPECT_NE(r.s_Erreur.find("v1.1.0/4545: Refus du serveur LMTP"), std::string::npos);
+    EXPECT_NE(r.s_Erreur.find("Destinataire <alice@vorane.example>, r\xe9ponse du serveur :\n"
+                              "550 5.1.1 User unknown\n"),
+              std::string::npos)
+        << r.s_Erreur;
+    std::string s_Recu = st_Lmtp.Recu();
+    EXPECT_NE(s_Recu.find("\n.\nQUIT\n"), std::string::npos);
+}
+
+// A message that went through the program once comes back: the name of the
+// first pass is taken back and both passes show in the new trace header.
+TEST_F(Remise, DeuxiemePassage) {
+    std::string s_Message =
+        "From: Inconnu <inconnu@partenaire.test>\n"
+        "Subject: essai\n"
+        "\n"
+        "corps\n";
+    ServeurLmtpEssai st_Premier(ScriptAccepte(1), false);
+    ResultatProcessus r = Lance(st_Premier.Designation(), "inconnu@partenaire.test",
+                                {"alice@vorane.example"}, s_Message);
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    std::string s_Livre = DonneesRecues(st_Premier.Recu());
+    s_Livre = s_Livre.substr(0, s_Livre.size() - 1);  // the empty line the end of data added
+    EXPECT_EQ(SansDate(s_Livre),
+              "From: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
+              "\t+ from original: Inconnu <inconnu@partenaire.test>\n"
+              "Subject: essai\n\ncorps\n");
+
+    ServeurLmtpEssai st_Second(ScriptAccepte(1), false);
+    r = Lance(st_Second.Designation(), "inconnu@partenaire.test", {"bob@vorane.example"}, s_Livre);
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    std::string s_Second = SansDate(DonneesRecues(st_Second.Recu()));
+    EXPECT_EQ(s_Second.substr(0, s_Second.find("Subject:")),
+              "From: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
+              "\t+ from original: Inconnu <inconnu@partenaire.test>,\n"
+              "\t+ from original: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
+              "\t+ from original: Inconnu <inconnu@partenaire.test>\n");
+}
+
+// No From line, an empty envelope sender: warnings, the fall-back name,
+// a From line put at the head, "anonyme" as depositor.  The placeholder
+// sender lies in the internal top-level zone outside the internal domain's
+// subdomains, so the message is marked as from an unauthenticated sender.
+TEST_F(Remise, SansFromEtEmetteurVide) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "", {"alice@vorane.example"},
+                                "Subject: rebond\n\ncorps\n");
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/3688: Analyse du From, partie adresse vide ! <\n> ?."),
+              std::string::npos);
+    EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/4063: Entete sans 'From:'..."), std::string::npos);
+    std::string s_Recu = SansDate(st_Lmtp.Recu());
+    EXPECT_NE(s_Recu.find("mail from:<mailer-daemon@vorane.example>\n"), std::string::npos)
+        << s_Recu;
+    EXPECT_EQ(s_Recu.substr(s_Recu.find("DATA\n")),
+              "DATA\n"
+              "From: =?ISO-8859-15?Q?=22=7E_Adresse_emetteur_illisible_=2D_Adresse_vide_=28?=\n"
+              "\t=?ISO-8859-15?Q?emetteur_non_authentifie=2C_d=E9p=F4t_anonyme=29=22?=\n"
+              "\t<postmaster@vorane.example>\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "\t+ mdf=1; lda=0; ea=0; eab=0; fdv=0;\n"
+              "\t+ from original: __NonTrouveParDecod__\n"
+              "Subject: rebond\n"
+              "X-ravokOrigine: emetteur non authentifie\n"
+              "X-ravokFromDifferent: 1\n"
+              "Reply-to: \"Adresse emetteur illisible - Adresse vide\"\n"
+              "\t<postmaster@vorane.example>\n"
+              "\ncorps\n\n.\nQUIT\n");
+}
+
+// Bad input never crashes the program nor ends it with 0 unless the store
+// took the message.
+TEST_F(Remise, EntreesMalFormees) {
+    std::string s_Longue(100000, 'x');
+    std::string s_DixMille;
+    for (int i = 0; i < 10000; i++) s_DixMille += "X-Ligne-" + std::to_string(i) + ": v\n";
+    const std::vector<std::string> v_Messages = {
+        "",
+        "Subject: sans ligne vide\n",
+        s_DixMille + "\ncorps\n",
+        "Subject: " + s_Longue + "\n\n" + s_Longue + "\n",
+        std::string("Subject: nul\0ici\n\ncorps\0\n", 25),
+        "Subject: crlf\r\nFrom: a <ext@partenaire.test>\r\n\r\ncorps\r\n.\r\n",
+    };
+    for (const std::string &s : v_Messages) {
+        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+        ResultatProcessus r =
+            Lance(st_Lmtp.Designation(), "ext@partenaire.test", {"alice@vorane.example"}, s);
+        std::string s_Recu = st_Lmtp.Recu();
+        EXPECT_EQ(r.i_Signal, 0);
+        EXPECT_FALSE(r.b_Expire);
+        EXPECT_TRUE(r.i_Statut == 0 || r.i_Statut == 65 || r.i_Statut == 75) << r.i_Statut;
+        if (r.i_Statut == 0) {
+            bool b_Terminee = false;
+            DonneesRecues(s_Recu, &b_Terminee);
+            EXPECT_TRUE(b_Terminee) << s.substr(0, 40);
+        }
+    }
+}
+
+}  // namespace
