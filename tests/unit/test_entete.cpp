@@ -2,6 +2,7 @@
 // from a pipe on standard input, and the lookups.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -30,6 +31,17 @@ Entete *Liste(const Lignes &v) {
     return pet_Tete;
 }
 
+// Frees a list whose texts are its own copies (the program itself leaves
+// this to process exit; the tests free so that leak checks stay meaningful).
+void Libere(Entete *pet) {
+    while (pet != nullptr) {
+        Entete *pet_Suivant = pet->pet_Suivant;
+        free(pet->pc_Ligne);
+        free(pet);
+        pet = pet_Suivant;
+    }
+}
+
 // ---------------------------------------------------------------------------
 // ChargeLigne
 // ---------------------------------------------------------------------------
@@ -43,6 +55,7 @@ TEST(ChargeLigne, AjouteEnOrdreEtInsereApresLeCurseur) {
     // The same cursor goes on appending after the inserted node.
     ChargeLigne(&pet_Curseur, "B2: 2\n", 0);
     EXPECT_EQ(Textes(pet_Tete), (Lignes{"A: 1\n", "B: 2\n", "B2: 2\n", "C: 3\n"}));
+    Libere(pet_Tete);
 }
 
 TEST(ChargeLigne, CurseurNulDonneUnNoeudSeul) {
@@ -51,6 +64,7 @@ TEST(ChargeLigne, CurseurNulDonneUnNoeudSeul) {
     ASSERT_NE(pet, nullptr);
     EXPECT_EQ(pet->pet_Suivant, nullptr);
     EXPECT_STREQ(pet->pc_Ligne, "X: y\n");
+    Libere(pet);
 }
 
 // A copy is the node's own; a larger minimum leaves room to grow in place;
@@ -73,6 +87,9 @@ TEST(ChargeLigne, CopieTailleMinimaleEtAdoption) {
     pc_Texte[0] = 's';
     EXPECT_EQ(pet_Adopte->pc_Ligne[0], 's');
     EXPECT_EQ(pet_Copie->pc_Ligne[0], 'S');
+    Libere(pet_Copie);
+    Libere(pet_Large);
+    free(pet_Adopte);  // the adopted text is not the node's
 }
 
 // ---------------------------------------------------------------------------
@@ -103,6 +120,7 @@ TEST_P(Lecture, NoeudsEtReste) {
             << s_Err;
     else
         EXPECT_EQ(s_Err, "");
+    Libere(pet_Tete);
 }
 
 const std::string LIGNE_1023 = "X-Long: " + std::string(1015, 'z');
@@ -172,6 +190,7 @@ TEST(LectureEntete, ChampPlieSurDesMilliersDeLignes) {
     Entete *pet_Tete = nullptr;
     LitEntete(&pet_Tete);
     EXPECT_EQ(Textes(pet_Tete), (Lignes{s_Champ, "\n"}));
+    Libere(pet_Tete);
 }
 
 // ---------------------------------------------------------------------------
@@ -192,6 +211,7 @@ TEST(LectureMessage, CorpsAjouteApresLEnteteEtVuParLesRecherches) {
                       LIGNE_2500.substr(2046) + "\n", "fin sans saut"}));
     EXPECT_STREQ(RecupValeurEntete(pet_Tete, "x-corps:"), "oui\n");
     EXPECT_EQ(EntreeTube::Reste(), "");
+    Libere(pet_Tete);
 }
 
 // ---------------------------------------------------------------------------
@@ -234,6 +254,7 @@ protected:
     Entete *pet = Liste({"Received: un\n", "To-Do: rien\n", "TO: dest@x.y\n",
                          "Subject: a\n b\n", "Received: deux\n", "X-Vide:\n",
                          "X-Blancs: \t valeur\n", "\n"});
+    void TearDown() override { Libere(pet); }
 };
 
 TEST_F(Recherches, PrefixeSansCasse) {
