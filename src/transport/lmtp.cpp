@@ -218,6 +218,7 @@ struct FluxDonnees {
     struct iovec t_Iov[NB_SEGMENTS];
     int i_Nb;
     std::size_t t_Tampon;  // bytes used in s_Tampon
+    bool b_DernierCopie;   // the last segment ends at the staging tail
     int i_Erreur;  // result of a failed send; nothing more is added then
 };
 
@@ -227,6 +228,7 @@ int VideFlux(FluxDonnees *pst) {
     pst->i_Erreur = EcritSegments(pst->i_Fd, pst->t_Iov, pst->i_Nb);
     pst->i_Nb = 0;
     pst->t_Tampon = 0;
+    pst->b_DernierCopie = false;
     return pst->i_Erreur;
 }
 
@@ -240,18 +242,19 @@ void AjouteSegment(FluxDonnees *pst, const char *pc, std::size_t t_Long) {
         char *pc_Copie = s_Tampon + pst->t_Tampon;
         memcpy(pc_Copie, pc, t_Long);
         pst->t_Tampon += t_Long;
-        struct iovec *pst_Dernier = pst->i_Nb > 0 ? &pst->t_Iov[pst->i_Nb - 1] : nullptr;
-        if (pst_Dernier != nullptr &&
-            static_cast<char *>(pst_Dernier->iov_base) + pst_Dernier->iov_len == pc_Copie) {
-            pst_Dernier->iov_len += t_Long;
+        // Merged with the last segment when that one is the staging tail.
+        if (pst->b_DernierCopie) {
+            pst->t_Iov[pst->i_Nb - 1].iov_len += t_Long;
             return;
         }
         pst->t_Iov[pst->i_Nb].iov_base = pc_Copie;
         pst->t_Iov[pst->i_Nb].iov_len = t_Long;
         pst->i_Nb++;
+        pst->b_DernierCopie = true;
         return;
     }
     if (pst->i_Nb == NB_SEGMENTS && VideFlux(pst) != 0) return;
+    pst->b_DernierCopie = false;
     pst->t_Iov[pst->i_Nb].iov_base = const_cast<char *>(pc);
     pst->t_Iov[pst->i_Nb].iov_len = t_Long;
     pst->i_Nb++;
@@ -691,6 +694,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     st_Flux.st_Etat = Transparence{};
     st_Flux.i_Nb = 0;
     st_Flux.t_Tampon = 0;
+    st_Flux.b_DernierCopie = false;
     st_Flux.i_Erreur = 0;
     Entete *pet = pet_Entete;
     if (pet != nullptr && pet->pc_Ligne != nullptr && strncasecmp(pet->pc_Ligne, "return-path:", 12) == 0)

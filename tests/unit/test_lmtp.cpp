@@ -240,6 +240,12 @@ TEST_F(Lmtp, TransparenceDesDonnees) {
     std::string s_Corps = ".\n..\n.x\n" + ("." + std::string(4999, 'L')) + "\n";
     s_Corps += std::string(1023, 'a') + ".milieu\n";  // second piece starts with "."
     s_Corps += std::string(2046, 'b') + "..\n";       // third piece is ".."
+    // Enough of it, and enough short dot lines, to fill the sender's
+    // segment lists and staging area several times over.
+    std::string s_Motif = s_Corps;
+    for (int i = 0; i < 600; i++) s_Motif += ".l" + std::to_string(i) + "\n";
+    s_Corps.clear();
+    for (int i = 0; i < 40; i++) s_Corps += s_Motif;
     s_Corps += ".\r\nfin sans saut de ligne";
     for (bool b_Flux : {true, false}) {
         ServeurLmtpEssai srv(ScriptNominal(), false);
