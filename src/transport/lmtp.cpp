@@ -374,8 +374,10 @@ void PoseTemoin(const char *pc_Boite) {
 // Sets the description of the message in progress for recipient i_Rang
 // (counting from 1), or the "(-/n)" form with the recipient in hand.  The
 // description is a bounded text: a long message id is cut, by design.
+#if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-truncation"
+#endif
 void InfoDestinataire(const char *pc_Adresse, int i_Rang) {
     if (i_Rang > 0)
         snprintf(gPc_InfoMessEnCours, sizeof gPc_InfoMessEnCours,
@@ -386,7 +388,9 @@ void InfoDestinataire(const char *pc_Adresse, int i_Rang) {
                  "message-id=<%s>, from=<%s>, to=<%s>(-/%d)", gPc_MessageId, NonNul(gpc_MailFrom),
                  NonNul(gpc_RcptTo), gi_nbDestLcmd);
 }
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 
 // Connects to the Unix-domain socket; 0 with the descriptor, or errno.
 int ConnecteUnix(const ServeurLmtp &st, int *pi_Fd) {
