@@ -433,6 +433,33 @@ TEST_F(Lmtp, FermetureEtBlocage) {
     }
 }
 
+// No server to talk to: the error number comes back for a later attempt,
+// and a designation that would have to be cut is refused before any
+// connection.
+TEST_F(Lmtp, ConnexionImpossible) {
+    // A loopback port that nothing listens on any more.
+    std::string s_Ferme;
+    {
+        ServeurLmtpEssai srv({Ferme()}, false);
+        s_Ferme = srv.Designation();
+    }
+    struct Cas {
+        std::string s_Designation;
+        int i_Res;
+    } t[] = {
+        {s_Ferme, ECONNREFUSED},
+        {"/nonexistent/lmtp", ENOENT},
+        {"nonexistent.invalid:24", EHOSTUNREACH},
+        {"127.0.0.1:99999", EINVAL},
+        {"/" + std::string(120, 's'), ENAMETOOLONG},
+    };
+    for (const Cas &c : t) {
+        Issue is = Tente(c.s_Designation, Essai{});
+        EXPECT_EQ(is.r.i_Statut, 0) << c.s_Designation;
+        EXPECT_EQ(is.i_Res, c.i_Res) << c.s_Designation;
+    }
+}
+
 // A server that stops reading during a large body: the write guard fires
 // and the process ends for a retry, never with the message taken as sent.
 TEST_F(Lmtp, ServeurQuiNeLitPlus) {
