@@ -11,11 +11,12 @@
 // through send(MSG_NOSIGNAL) so that a server that went away is a failure of
 // this attempt, not the end of the process by SIGPIPE.
 //
-// The data phase sends large gathered writes: header lines and body pieces
-// go out as segments of their own bytes, with a "." segment wherever a dot
-// is doubled, so nothing is copied; the body is streamed in 64 KiB pieces and
-// never held whole, so memory stays flat whatever the message size.  The
-// wire bytes are those of a line-by-line sender.
+// The data phase sends large gathered writes: long runs of the header and
+// body go out from where they lie, short ones (header lines, the extra "."
+// of a doubled dot, lines between dot lines) are gathered in a staging area;
+// the body is streamed in 64 KiB pieces and never held whole, so memory
+// stays flat whatever the message size.  The wire bytes are those of a
+// line-by-line sender.
 #include "transport/transport.h"
 
 #include <arpa/inet.h>
@@ -51,9 +52,8 @@ constexpr int CODE_HOTE_INCONNU = EHOSTUNREACH;
 constexpr int TAILLE_CITATION_JOURNAL = 200;
 
 // Body pieces are read in this size.  The data goes out as a gather list of
-// segments that point into the header texts and the piece in hand, with a
-// one-byte "." segment wherever a dot is doubled: nothing is copied, and a
-// list holds at most NB_SEGMENTS segments before it is sent.
+// segments that point into the header texts, the piece in hand or the
+// staging area; a list holds at most NB_SEGMENTS segments before it is sent.
 constexpr std::size_t TAILLE_MORCEAU = 64 * 1024;
 constexpr int NB_SEGMENTS = 512;
 // Segments shorter than this are copied into a staging area and merged with
