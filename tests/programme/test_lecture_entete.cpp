@@ -82,14 +82,4 @@ TEST(LectureEnteteProgramme, FinAvantLaLigneVide) {
     for (const std::string &s : v_Err) unlink(s.c_str());
 }
 
-// Empty input: the warning, no header and so no dump file; still status 75.
-TEST(LectureEnteteProgramme, EntreeVide) {
-    ResultatProcessus r =
-        LanceProgramme({PROG, "-e", "emetteur@exemple.fr", "-d", "a@x.y", "b@x.y"}, "", 30);
-    EXPECT_EQ(r.i_Statut, 75);
-    EXPECT_EQ(r.s_Erreur.rfind(" !ERR:4, v1.1.0/1783: ", 0), 0u) << r.s_Erreur;
-    EXPECT_TRUE(Dumps("ATT", r.i_Pid).empty());
-    EXPECT_TRUE(Dumps("ERR", r.i_Pid).empty());
-}
-
 }  // namespace
