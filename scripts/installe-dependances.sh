@@ -12,7 +12,7 @@ paquets=(
   clang libclang-rt-dev
   slapd ldap-utils
   cyrus-imapd cyrus-admin sasl2-bin python3
-  postfix
+  postfix tzdata
 )
 
 manquants=()

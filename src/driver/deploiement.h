@@ -32,3 +32,8 @@ extern int gi_DelaiEntreEssaisLmtp;  // pause between LMTP attempts (10 s)
 extern int gi_DureeReessaiLdap;      // directory retry window (299 s)
 extern int gi_PasReessaiLdap;        // pause between directory attempts (5 s)
 extern int gi_DelaiReseauLdap;       // directory network and operation limit (10 s)
+
+// Origin zones: the regular expressions of rows 0-16 (site data: relay
+// address literals and the webmail clauses), ended by a null entry.
+constexpr int NB_MOTIFS_ZONE = 17;
+extern const char *const gtpc_MotifsZone[NB_MOTIFS_ZONE + 1];

@@ -9,6 +9,7 @@
 // of the program reads them, most of all the reporting of report.h.
 #pragma once
 
+#include <csignal>
 #include <cstddef>
 
 #include "message/message.h"
@@ -53,6 +54,13 @@ void AnalyseOptions(int argc, char **argv, OptionsRemise *pst_Options);
 // Rewrites the description of the message in progress; i_Rang 0 gives the
 // "(-/n)" form.
 void MajInfoMessEnCours(const char *pc_MessageId, int i_Rang);
+
+// Arms the time budget of the run (gi_BudgetExecution seconds): when it is
+// spent, the command in progress is killed and the process ends with 75.
+void ArmeBudgetExecution();
+// Process id of the submission command in progress (0: none), killed when
+// the budget is spent; set by whoever starts such a command.
+extern volatile sig_atomic_t gi_PidCommandeEnCours;
 
 // 1 when the main-server value names one of the listed servers (any case).
 int EstServeurPrincipal(char *const *tpc_Serveurs, const char *pc_Valeur);

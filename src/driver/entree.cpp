@@ -170,10 +170,19 @@ void VerifieEnveloppe() {
     }
 }
 
-// The delivery stages that follow the command line.  This build stops here:
-// the message is left with Postfix, which will try again.
+// The delivery stages that follow the command line.  This build reads the
+// header and stops there: the message is left with Postfix, which will try
+// again.
 [[noreturn]] void Remise(OptionsRemise *pst) {
     (void)pst;
+    // The header, read once; the working copy has its own nodes sharing the
+    // texts until lines are rewritten.  Every report from here on dumps both.
+    LitEntete(&gpet_EnteteMessOrigine);
+    Entete *pet_Curseur = nullptr;
+    for (Entete *pet = gpet_EnteteMessOrigine; pet != nullptr; pet = pet->pet_Suivant) {
+        Entete *pet_Copie = ChargeLigne(&pet_Curseur, pet->pc_Ligne, ADOPTE_TEXTE);
+        if (gpet_EnteteMess == nullptr) gpet_EnteteMess = pet_Copie;
+    }
     TraitementErreur(NIVEAU_CRITIQUE,
                      "v1.1.0/3650: Remise non disponible dans cette version, message laisse a "
                      "Postfix pour nouvelle tentative. %s",
@@ -241,7 +250,8 @@ int RemiseVorane(int argc, char **argv) {
     // 3. Maintenance forms.
     FormesMaintenance(argc, argv);
 
-    // 4. Delivery form.
+    // 4. Delivery form, within the run's time budget.
+    ArmeBudgetExecution();
     OptionsRemise st_Options;
     AnalyseOptions(argc, argv, &st_Options);
 

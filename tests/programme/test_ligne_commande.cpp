@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "processus.h"
@@ -147,6 +148,23 @@ TEST(RemiseLigneCommande, ConstructionParDefautRepondALaVersion) {
     ResultatProcessus r = LanceProgramme({PROG_SITE, "--version"});
     EXPECT_EQ(r.i_Statut, 1);
     EXPECT_EQ(r.s_Sortie, VERSION);
+}
+
+}  // namespace
+
+namespace {
+
+// --init creates the three spool directories open to every delivery user.
+TEST(RemiseLigneCommande, InitCreeLesRepertoiresDuSpool) {
+    ResultatProcessus r = LanceProgramme({PROG, "--Init"});
+    EXPECT_EQ(r.i_Statut, 1);
+    for (const char *pc : {"Absences", "Remises", "Erreurs"}) {
+        struct stat st;
+        std::string s = std::string(RACINE_SPOOL_ESSAI) + pc;
+        ASSERT_EQ(stat(s.c_str(), &st), 0) << s;
+        EXPECT_TRUE(S_ISDIR(st.st_mode));
+        EXPECT_EQ(st.st_mode & 0777, 0777u) << s;
+    }
 }
 
 }  // namespace

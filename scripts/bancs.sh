@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# Builds and runs every benchmark (bench/*.cpp); each prints its figures and
+# the comparison it makes.
+set -euo pipefail
+racine=$(cd "$(dirname "$0")/.." && pwd)
+cd "$racine"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+ninja -C build
+for source in bench/*.cpp; do
+  [ -e "$source" ] || continue
+  banc=$(basename "$source" .cpp)
+  echo "== $banc"
+  "build/bench/$banc"
+done
