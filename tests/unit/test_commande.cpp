@@ -332,4 +332,27 @@ TEST_F(Commande, CommandeQuiCesseDeLire) {
     }
 }
 
+// The run's time budget spent while the message is still being piped (its
+// body never ends): the command is killed before it could see an end of
+// input, and the process leaves the message with Postfix.
+TEST_F(Commande, BudgetEpuisePendantLaCommande) {
+    Capture cap;
+    ResultatEnfant r = ExecuteEnFils([]() {
+        gi_BudgetExecution = 1;
+        ArmeBudgetExecution();
+        int t_Tube[2];
+        if (pipe(t_Tube) != 0) return std::string("pipe");
+        ssize_t n = write(t_Tube[1], "debut\n", 6);  // and never closed
+        (void)n;
+        std::string s_Dest = "a@b.example";
+        char *tpc[] = {s_Dest.data(), nullptr};
+        EnvoiMessage(Liste(ENTETE), fdopen(t_Tube[0], "r"), "e@x.example", tpc);
+        return std::string("fini");
+    });
+    EXPECT_EQ(r.i_Statut, 75);
+    EXPECT_NE(r.s_Erreur.find("v1.1.0/3652"), std::string::npos) << r.s_Erreur;
+    ASSERT_EQ(cap.Appels().size(), 1u);
+    EXPECT_NE(access((cap.s_Rep + "/appel-1.fin").c_str(), F_OK), 0);
+}
+
 }  // namespace
