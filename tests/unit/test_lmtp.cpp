@@ -21,25 +21,6 @@
 
 namespace {
 
-// Builds a line list from texts.
-Entete *Liste(const std::vector<std::string> &v) {
-    Entete *pet_Tete = nullptr;
-    Entete *pet_Curseur = nullptr;
-    for (const std::string &s : v) {
-        ChargeLigne(&pet_Curseur, s.c_str(), 0);
-        if (pet_Tete == nullptr) pet_Tete = pet_Curseur;
-    }
-    return pet_Tete;
-}
-
-// A body stream holding the bytes.
-FILE *Flux(const std::string &s) {
-    FILE *pf = tmpfile();
-    fwrite(s.data(), 1, s.size(), pf);
-    rewind(pf);
-    return pf;
-}
-
 const std::vector<std::string> ENTETE = {"From: a@b.example\n", "Subject: essai\n", "\n"};
 const std::string ENTETE_TEXTE = "From: a@b.example\nSubject: essai\n\n";
 const std::string CORPS = "Bonjour\nligne 2\n";
@@ -74,16 +55,16 @@ Issue Tente(const std::string &s_Serveur, const Essai &e) {
         std::vector<std::string> v_Lignes = e.v_Entete;
         if (!e.b_Flux) {
             // The body as LitMessage leaves it: pieces of at most 1023 bytes.
-            FILE *pf = Flux(e.s_Corps);
+            FILE *pf = FluxOctets(e.s_Corps);
             char pc[TAILLE_LECTURE];
             while (fgets(pc, sizeof pc, pf) != nullptr) v_Lignes.emplace_back(pc);
             fclose(pf);
         }
-        Entete *pet = Liste(v_Lignes);
+        Entete *pet = ListeLignes(v_Lignes);
         gpet_EnteteMess = pet;
         char *pc_Rapport = e.pc_RapportInitial ? strdup(e.pc_RapportInitial) : nullptr;
         int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, v_B.data(), v_A.data(), e.pc_Suffixe,
-                            pet, e.b_Flux ? Flux(e.s_Corps) : nullptr, &pc_Rapport);
+                            pet, e.b_Flux ? FluxOctets(e.s_Corps) : nullptr, &pc_Rapport);
         std::string s = std::to_string(i) + "|" + (pc_Rapport ? "1" : "0") + "|";
         if (pc_Rapport) s += pc_Rapport;
         return s;
