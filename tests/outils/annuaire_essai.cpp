@@ -88,7 +88,7 @@ std::string Configuration(const AnnuaireEssai &st, const OptionsAnnuaire &st_Opt
     s += std::string("suffix \"") + SUFFIXE_ANNUAIRE_ESSAI + "\"\n";
     s += std::string("rootdn \"cn=admin,") + SUFFIXE_ANNUAIRE_ESSAI + "\"\nrootpw secret\n";
     s += "directory " + st.s_Repertoire + "/db\n";
-    s += "index mail,ravokVixmailEmission eq\n";
+    s += "index objectClass,mail,ravokVixmailEmission eq\n";
     s += "access to * by * read\n";
     return s;
 }
