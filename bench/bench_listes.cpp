@@ -26,8 +26,8 @@ constexpr int NB_RECHERCHES = NB_LISTES + NB_LISTES * NB_PAR_LISTE;
 constexpr double OBJECTIF_RAPPORT = 1.2;
 
 AnnuaireEssai gst_Annuaire;
-std::vector<std::string> gv_Listes;    // the top list's members: the nested lists
-std::vector<std::string> gv_Filtres;   // every search of one expansion, in order
+std::vector<std::string> gv_Listes;   // the top list's members: the nested lists
+std::vector<std::string> gv_Filtres;  // every search of one expansion, in order
 double gd_MeilleurExplose = 0, gd_MeilleurBoucle = 0;
 
 // LDIF: 10,000 mailboxes and 100 lists of 100 of them each.
@@ -35,12 +35,15 @@ std::string Entrees() {
     std::string s;
     for (int i = 0; i < NB_LISTES * NB_PAR_LISTE; i++) {
         std::string u = "m" + std::to_string(i);
-        s += EntreeLdif("uid=" + u, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + u + "\ncn: " + u +
-                                        "\nsn: " + u + "\nmail: " + u + "@vorane.example\nravokVixRemise: LMTP\n");
+        s += EntreeLdif("uid=" + u,
+                        "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + u +
+                            "\ncn: " + u + "\nsn: " + u + "\nmail: " + u +
+                            "@vorane.example\nravokVixRemise: LMTP\n");
     }
     for (int l = 0; l < NB_LISTES; l++) {
         std::string n = "sous" + std::to_string(l);
-        std::string e = "objectClass: ravokVixListe\ncn: " + n + "\nmail: " + n + "@vorane.example\nravokVixRemise: LISTE\n";
+        std::string e = "objectClass: ravokVixListe\ncn: " + n + "\nmail: " + n +
+                        "@vorane.example\nravokVixRemise: LISTE\n";
         for (int i = 0; i < NB_PAR_LISTE; i++)
             e += "ravokVixMembres: m" + std::to_string(l * NB_PAR_LISTE + i) + "@vorane.example\n";
         s += EntreeLdif("cn=" + n, e);
@@ -48,7 +51,8 @@ std::string Entrees() {
     }
     // Breadth-first order of the expansion: the lists, then their members.
     for (const std::string &s_Liste : gv_Listes) gv_Filtres.push_back("(mail=" + s_Liste + ")");
-    for (int i = 0; i < NB_LISTES * NB_PAR_LISTE; i++) gv_Filtres.push_back("(mail=m" + std::to_string(i) + "@vorane.example)");
+    for (int i = 0; i < NB_LISTES * NB_PAR_LISTE; i++)
+        gv_Filtres.push_back("(mail=m" + std::to_string(i) + "@vorane.example)");
     return s;
 }
 
@@ -71,31 +75,33 @@ void BM_ExploseMembres(benchmark::State &state) {
         free(tpc);
         if (gd_MeilleurExplose == 0 || d < gd_MeilleurExplose) gd_MeilleurExplose = d;
     }
-    state.counters["recherches/s"] = benchmark::Counter(static_cast<double>(NB_RECHERCHES) * state.iterations(),
-                                                        benchmark::Counter::kIsRate);
+    state.counters["recherches/s"] = benchmark::Counter(
+        static_cast<double>(NB_RECHERCHES) * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 // The same searches, values fetched and released, nothing else.
 void BM_BoucleMinimale(benchmark::State &state) {
-    char *tpc_Attr[] = {const_cast<char *>("ravokVixMembres"), const_cast<char *>("ravokVixRemise"), nullptr};
+    char *tpc_Attr[] = {const_cast<char *>("ravokVixMembres"), const_cast<char *>("ravokVixRemise"),
+                        nullptr};
     for (auto _ : state) {
         auto t = std::chrono::steady_clock::now();
         for (const std::string &s_Filtre : gv_Filtres) {
             LDAPMessage *res = nullptr;
-            if (ldap_search_ext_s(gld, "", LDAP_SCOPE_SUBTREE, s_Filtre.c_str(), tpc_Attr, 0, nullptr, nullptr,
-                                  nullptr, LDAP_NO_LIMIT, &res) != LDAP_SUCCESS)
+            if (ldap_search_ext_s(gld, "", LDAP_SCOPE_SUBTREE, s_Filtre.c_str(), tpc_Attr, 0,
+                                  nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &res) != LDAP_SUCCESS)
                 state.SkipWithError("search failed");
             if (ldap_count_entries(gld, res) == 1) {
                 LDAPMessage *e = ldap_first_entry(gld, res);
-                for (char **pp = tpc_Attr; *pp != nullptr; pp++) ldap_value_free_len(ldap_get_values_len(gld, e, *pp));
+                for (char **pp = tpc_Attr; *pp != nullptr; pp++)
+                    ldap_value_free_len(ldap_get_values_len(gld, e, *pp));
             }
             ldap_msgfree(res);
         }
         double d = Depuis(t);
         if (gd_MeilleurBoucle == 0 || d < gd_MeilleurBoucle) gd_MeilleurBoucle = d;
     }
-    state.counters["recherches/s"] = benchmark::Counter(static_cast<double>(NB_RECHERCHES) * state.iterations(),
-                                                        benchmark::Counter::kIsRate);
+    state.counters["recherches/s"] = benchmark::Counter(
+        static_cast<double>(NB_RECHERCHES) * state.iterations(), benchmark::Counter::kIsRate);
 }
 
 BENCHMARK(BM_BoucleMinimale)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(8);
@@ -117,12 +123,12 @@ int main(int argc, char **argv) {
     ArreteAnnuaire(&gst_Annuaire);
 
     double d_Rapport = gd_MeilleurExplose / gd_MeilleurBoucle;
-    printf("\nExpansion of %d members in %d nested lists (%d searches), best of each:\n", NB_LISTES * NB_PAR_LISTE,
-           NB_LISTES, NB_RECHERCHES);
-    printf("  ExploseMembres + UniciteMembres: %8.1f ms  %8.0f lookups/s\n", gd_MeilleurExplose * 1e3,
-           NB_RECHERCHES / gd_MeilleurExplose);
-    printf("  minimal search loop:             %8.1f ms  %8.0f lookups/s\n", gd_MeilleurBoucle * 1e3,
-           NB_RECHERCHES / gd_MeilleurBoucle);
+    printf("\nExpansion of %d members in %d nested lists (%d searches), best of each:\n",
+           NB_LISTES * NB_PAR_LISTE, NB_LISTES, NB_RECHERCHES);
+    printf("  ExploseMembres + UniciteMembres: %8.1f ms  %8.0f lookups/s\n",
+           gd_MeilleurExplose * 1e3, NB_RECHERCHES / gd_MeilleurExplose);
+    printf("  minimal search loop:             %8.1f ms  %8.0f lookups/s\n",
+           gd_MeilleurBoucle * 1e3, NB_RECHERCHES / gd_MeilleurBoucle);
     printf("  ratio %.3f (goal <= %.1f): %s\n", d_Rapport, OBJECTIF_RAPPORT,
            d_Rapport <= OBJECTIF_RAPPORT ? "met" : "NOT MET");
     benchmark::Shutdown();

@@ -60,9 +60,10 @@ void VerifieHotes(const std::string &s_Hotes) {
     for (char *pc_Uri = strtok(pc, ","); pc_Uri != nullptr; pc_Uri = strtok(nullptr, ",")) {
         LDAPURLDesc *lud = nullptr;
         if (ldap_url_parse(pc_Uri, &lud) != LDAP_URL_SUCCESS) abort();
-        if (strcmp(lud->lud_scheme, "ldap") != 0 || lud->lud_host == nullptr || lud->lud_host[0] == '\0' ||
-            lud->lud_port < 1 || lud->lud_port > 65535 || (lud->lud_dn != nullptr && lud->lud_dn[0] != '\0') ||
-            lud->lud_attrs != nullptr || lud->lud_filter != nullptr || lud->lud_exts != nullptr)
+        if (strcmp(lud->lud_scheme, "ldap") != 0 || lud->lud_host == nullptr ||
+            lud->lud_host[0] == '\0' || lud->lud_port < 1 || lud->lud_port > 65535 ||
+            (lud->lud_dn != nullptr && lud->lud_dn[0] != '\0') || lud->lud_attrs != nullptr ||
+            lud->lud_filter != nullptr || lud->lud_exts != nullptr)
             abort();
         ldap_free_urldesc(lud);
         i_Compte++;

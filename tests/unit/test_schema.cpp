@@ -24,8 +24,8 @@ std::string RepertoireTemporaire() {
 TEST(Schema, LdifAJourDuFichierSchema) {
     const std::string s_Rep = RepertoireTemporaire();
     ASSERT_FALSE(s_Rep.empty());
-    ResultatProcessus r =
-        LanceProgramme({"/bin/sh", SCHEMA + "genere-ldif.sh", SCHEMA + "vorane.schema", s_Rep + "/vorane.ldif"});
+    ResultatProcessus r = LanceProgramme(
+        {"/bin/sh", SCHEMA + "genere-ldif.sh", SCHEMA + "vorane.schema", s_Rep + "/vorane.ldif"});
     ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
     EXPECT_EQ(LitFichier(s_Rep + "/vorane.ldif"), LitFichier(SCHEMA + "vorane.ldif"))
         << "schema/vorane.ldif is stale: run schema/genere-ldif.sh";
