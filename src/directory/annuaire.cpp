@@ -53,16 +53,16 @@ constexpr long PORT_MAX = 65535;
 // The empty text returned by RecupValeurTableau for "no such value".
 const char PC_VIDE[] = "";
 
-// 1 when the character separates hosts in a host list.
+// True when the character separates hosts in a host list.
 bool EstSeparateurHote(char c) { return c == ' ' || c == '\t' || c == ','; }
 
-// 1 when the character may appear in a host name or dotted address.
+// True when the character may appear in a host name or dotted address.
 bool EstCaractereHote(char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
            c == '-' || c == '_';
 }
 
-// 1 when the character may appear inside the brackets of an IPv6 literal.
+// True when the character may appear inside the brackets of an IPv6 literal.
 bool EstCaractereIpv6(char c) {
     return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F') || c == ':' ||
            c == '.';
@@ -238,7 +238,8 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     //    refuses), then the limits that keep a silent or unreachable host
     //    from holding the run: the connect, and every synchronous operation,
     //    end after gi_DelaiReseauLdap seconds.  Referrals are not chased: the
-    //    program talks only to the hosts it was given.
+    //    program talks only to the hosts it was given.  A refused option is
+    //    reported with the value asked for (3, the time-out, 0 for referrals).
     int i_Version = VERSION_PROTOCOLE_LDAP;
     timeval st_Delai{};
     st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
@@ -345,7 +346,8 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
         return i_Nb;
     }
 
-    // 3. One entry: copy the values of every name of the list.
+    // 3. One entry: copy the values of every name of the list.  The values
+    //    are copies, so the result is released as soon as they are made.
     LDAPMessage *pst_Entree = ldap_first_entry(ld, pst_Resultat);
     if (pst_Entree == nullptr) {
         int i_Errno = errno;

@@ -34,6 +34,9 @@
 //                             number of hosts, or -1 (empty, bad host, too long).
 //   ExploseMembres(members)   new address list, nested lists expanded
 //                             breadth-first (placeholder ""), at most 300.
+//                             The caller may free the array; the nested
+//                             lists' values it points into are left to the
+//                             end of the process.
 //   UniciteMembres(list)      sorts (any case) and drops duplicates in place.
 //
 // Value lists are null-terminated arrays of NUL-terminated strings in one
