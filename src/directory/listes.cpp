@@ -33,7 +33,7 @@ constexpr const char *PC_PREFIXE_LISTE = "LISTE";
 // The placeholder left in the slot of an expanded list.
 char sPc_Vide[] = "";
 
-// 1 when the member's entry is a list: its delivery kind begins with LISTE.
+// True when the member's entry is a list: its delivery kind begins with LISTE.
 bool EstListe(char **const *ttpc_Valeurs) {
     const char *pc_Remise = pc_ValeurLdap(gtpc_AttrLdapListeM, ttpc_Valeurs, "ravokVixRemise", 0);
     return pc_Remise != nullptr &&
