@@ -1,0 +1,449 @@
+// annuaire.cpp - the directory session and single-entry lookups.
+//
+// ldapConnect / _ldapConnect open the process's one session: the host list
+// of -l becomes a list of ldap:// URIs tried in order by the library, then
+// protocol version 3, time-outs, no referral chasing, an explicit connect
+// and an anonymous simple bind.  RecupUneEntreeLdap runs one subtree search
+// below the empty base and copies the values of an attribute list into a
+// value table; the accessors read that table by attribute name.
+//
+// Buffers: URI list TAILLE_TEXTE (1024); filters are the callers'
+// (TAILLE_FILTRE, 320), built by ConstruitFiltreLdap.
+// Messages: see directory.h (2542 2548 2556 2570 2576 2604 2610 2612 2618).
+#include "directory/directory.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <strings.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "driver/deploiement.h"
+#include "driver/driver.h"
+#include "message/message.h"
+#include "report/report.h"
+
+LDAP *gld = nullptr;
+
+const char *const gtpc_AttrLdapDest[NB_ATTR_LDAP_DEST + 1] = {"uid",
+                                                              "cn",
+                                                              "ravokVixRemise",
+                                                              "ravokVixReponse",
+                                                              "ravokVixServeurPrincipal",
+                                                              "ravokVixRestrictions",
+                                                              "ravokVixMembres",
+                                                              "info",
+                                                              "ravokVixmailEmission",
+                                                              nullptr};
+const char *const gtpc_AttrLdapEmet[NB_ATTR_LDAP_EMET + 1] = {"cn", "objectClass", nullptr};
+const char *const gtpc_AttrLdapListeM[NB_ATTR_LDAP_LISTEM + 1] = {"ravokVixMembres",
+                                                                  "ravokVixRemise", nullptr};
+
+namespace {
+
+constexpr int VERSION_PROTOCOLE_LDAP = 3;
+constexpr const char *PORT_LDAP_DEFAUT = "389";
+constexpr const char *SCHEMA_URI_LDAP = "ldap://";
+constexpr std::size_t LONGUEUR_MAX_PORT = 5;
+constexpr long PORT_MAX = 65535;
+
+// The empty text returned by RecupValeurTableau for "no such value".
+const char PC_VIDE[] = "";
+
+// True when the character separates hosts in a host list.
+bool EstSeparateurHote(char c) { return c == ' ' || c == '\t' || c == ','; }
+
+// True when the character may appear in a host name or dotted address.
+bool EstCaractereHote(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '-' || c == '_';
+}
+
+// True when the character may appear inside the brackets of an IPv6 literal.
+bool EstCaractereIpv6(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F') || c == ':' ||
+           c == '.';
+}
+
+// Splits one host entry [pc, pc + t) into its host and port parts; false when
+// the entry is not a host name, a dotted address or a bracketed IPv6 literal,
+// optionally followed by ":port" (1 to 65535).
+bool DecoupeHote(const char *pc, std::size_t t, std::size_t *pt_Hote, const char **ppc_Port,
+                 std::size_t *pt_Port) {
+    std::size_t i = 0;
+    if (pc[0] == '[') {
+        for (i = 1; i < t && pc[i] != ']'; i++)
+            if (!EstCaractereIpv6(pc[i])) return false;
+        if (i >= t || i == 1) return false;
+        i++;
+    } else {
+        while (i < t && EstCaractereHote(pc[i])) i++;
+        if (i == 0) return false;
+    }
+    *pt_Hote = i;
+    if (i == t) {
+        *ppc_Port = PORT_LDAP_DEFAUT;
+        *pt_Port = strlen(PORT_LDAP_DEFAUT);
+        return true;
+    }
+    if (pc[i] != ':') return false;
+    const char *pc_Port = pc + i + 1;
+    std::size_t t_Port = t - i - 1;
+    if (t_Port == 0 || t_Port > LONGUEUR_MAX_PORT) return false;
+    long l_Port = 0;
+    for (std::size_t j = 0; j < t_Port; j++) {
+        if (pc_Port[j] < '0' || pc_Port[j] > '9') return false;
+        l_Port = l_Port * 10 + (pc_Port[j] - '0');
+    }
+    if (l_Port < 1 || l_Port > PORT_MAX) return false;
+    *ppc_Port = pc_Port;
+    *pt_Port = t_Port;
+    return true;
+}
+
+// Appends [pc, pc + t) to the buffer at *pt_Pos; false when it does not fit
+// with the final NUL.
+bool Ajoute(char *pc_Tampon, std::size_t t_Taille, std::size_t *pt_Pos, const char *pc,
+            std::size_t t) {
+    if (t >= t_Taille - *pt_Pos) return false;
+    memcpy(pc_Tampon + *pt_Pos, pc, t);
+    *pt_Pos += t;
+    pc_Tampon[*pt_Pos] = '\0';
+    return true;
+}
+
+// Releases a session without reporting anything.
+void LibereSession(LDAP *ld) {
+    if (ld != nullptr) ldap_unbind_ext_s(ld, nullptr, nullptr);
+}
+
+// Sets one option of a fresh session; level 4 (2548) with the value shown and
+// false on failure.
+bool PoseOption(LDAP *ld, int i_Option, const void *pv_Valeur, int i_ValeurAffichee) {
+    int i_Code = ldap_set_option(ld, i_Option, pv_Valeur);
+    if (i_Code == LDAP_OPT_SUCCESS) return true;
+    TraitementErreur(NIVEAU_AVERTISSEMENT,
+                     "v1.1.0/2548: Erreur ldap_set_option <%d>, ld_errno=%d (%s). %s",
+                     i_ValeurAffichee, i_Code, ldap_err2string(i_Code), gPc_InfoMessEnCours);
+    return false;
+}
+
+// Copies the library's values into one allocation: the pointer array, then
+// the strings, each NUL-terminated.  Null for no values; *pb_Echec set when
+// memory runs out.
+char **CopieValeurs(berval **tpst_Valeurs, bool *pb_Echec) {
+    *pb_Echec = false;
+    if (tpst_Valeurs == nullptr || tpst_Valeurs[0] == nullptr) return nullptr;
+    std::size_t t_Nb = 0, t_Octets = 0;
+    for (; tpst_Valeurs[t_Nb] != nullptr; t_Nb++) {
+        std::size_t t_Long = tpst_Valeurs[t_Nb]->bv_len;
+        if (t_Long >= SIZE_MAX / 2 - t_Octets) {
+            *pb_Echec = true;
+            return nullptr;
+        }
+        t_Octets += t_Long + 1;
+    }
+    std::size_t t_Pointeurs = (t_Nb + 1) * sizeof(char *);
+    char **tpc = static_cast<char **>(malloc(t_Pointeurs + t_Octets));
+    if (tpc == nullptr) {
+        *pb_Echec = true;
+        return nullptr;
+    }
+    char *pc = reinterpret_cast<char *>(tpc) + t_Pointeurs;
+    for (std::size_t i = 0; i < t_Nb; i++) {
+        tpc[i] = pc;
+        if (tpst_Valeurs[i]->bv_len > 0)
+            memcpy(pc, tpst_Valeurs[i]->bv_val, tpst_Valeurs[i]->bv_len);
+        pc[tpst_Valeurs[i]->bv_len] = '\0';
+        pc += tpst_Valeurs[i]->bv_len + 1;
+    }
+    tpc[t_Nb] = nullptr;
+    return tpc;
+}
+
+// Whole seconds elapsed since the start, on the monotonic clock.
+long SecondesDepuis(std::chrono::steady_clock::time_point t_Debut) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t_Debut)
+            .count());
+}
+
+// Sleeps the whole number of seconds, even when a signal cuts a sleep short.
+void Patiente(int i_Secondes) {
+    unsigned int i_Reste = i_Secondes > 0 ? static_cast<unsigned int>(i_Secondes) : 0;
+    while (i_Reste > 0) i_Reste = sleep(i_Reste);
+}
+
+}  // namespace
+
+// Turns "h1 h2:port,h3" into "ldap://h1:389,ldap://h2:port,ldap://h3:389".
+// The host list reaches the library only in this checked form, so that no
+// text of the command line can add a path, filter or extension to a URI.
+int ConstruitUrisLdap(const char *pc_Hotes, char *pc_Uris, std::size_t t_Taille) {
+    if (t_Taille == 0) return -1;
+    pc_Uris[0] = '\0';
+    if (pc_Hotes == nullptr) return -1;
+    std::size_t t_Pos = 0;
+    int i_Nb = 0;
+    const char *pc = pc_Hotes;
+    for (;;) {
+        while (*pc != '\0' && EstSeparateurHote(*pc)) pc++;
+        if (*pc == '\0') break;
+        const char *pc_Fin = pc;
+        while (*pc_Fin != '\0' && !EstSeparateurHote(*pc_Fin)) pc_Fin++;
+        std::size_t t_Hote = 0, t_Port = 0;
+        const char *pc_Port = nullptr;
+        if (!DecoupeHote(pc, static_cast<std::size_t>(pc_Fin - pc), &t_Hote, &pc_Port, &t_Port) ||
+            (i_Nb > 0 && !Ajoute(pc_Uris, t_Taille, &t_Pos, ",", 1)) ||
+            !Ajoute(pc_Uris, t_Taille, &t_Pos, SCHEMA_URI_LDAP, strlen(SCHEMA_URI_LDAP)) ||
+            !Ajoute(pc_Uris, t_Taille, &t_Pos, pc, t_Hote) ||
+            !Ajoute(pc_Uris, t_Taille, &t_Pos, ":", 1) ||
+            !Ajoute(pc_Uris, t_Taille, &t_Pos, pc_Port, t_Port)) {
+            pc_Uris[0] = '\0';
+            return -1;
+        }
+        i_Nb++;
+        pc = pc_Fin;
+    }
+    if (i_Nb == 0) return -1;
+    return i_Nb;
+}
+
+// One connection attempt on the host list: initialise, set the options,
+// connect (the library tries the hosts in order), bind anonymously.
+LDAP *_ldapConnect(const char *pc_Hotes) {
+    // 1. Session on the URI list; a host list that cannot be turned into
+    //    URIs fails like a host that cannot be reached (EINVAL).
+    char pc_Uris[TAILLE_TEXTE];
+    LDAP *ld = nullptr;
+    errno = 0;
+    if (ConstruitUrisLdap(pc_Hotes, pc_Uris, sizeof pc_Uris) < 0) {
+        errno = EINVAL;
+    } else if (ldap_initialize(&ld, pc_Uris) != LDAP_SUCCESS) {
+        ld = nullptr;
+        if (errno == 0) errno = EINVAL;
+    }
+    if (ld == nullptr) {
+        int i_Errno = errno;
+        TraitementErreur(
+            NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
+            pc_Hotes != nullptr ? pc_Hotes : "", i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+        return nullptr;
+    }
+
+    // 2. Protocol version 3 (the library starts at 2, which the server
+    //    refuses), then the limits that keep a silent or unreachable host
+    //    from holding the run: the connect, and every synchronous operation,
+    //    end after gi_DelaiReseauLdap seconds.  Referrals are not chased: the
+    //    program talks only to the hosts it was given.  A refused option is
+    //    reported with the value asked for (3, the time-out, 0 for referrals).
+    int i_Version = VERSION_PROTOCOLE_LDAP;
+    timeval st_Delai{};
+    st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
+    if (!PoseOption(ld, LDAP_OPT_PROTOCOL_VERSION, &i_Version, i_Version) ||
+        !PoseOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
+        !PoseOption(ld, LDAP_OPT_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
+        !PoseOption(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF, 0)) {
+        LibereSession(ld);
+        return nullptr;
+    }
+
+    // 3. Connect now, so that an unreachable host list is reported as such
+    //    (2542) and not as a refused bind.
+    errno = 0;
+    if (ldap_connect(ld) != LDAP_SUCCESS) {
+        int i_Errno = errno;
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes, i_Errno,
+                         strerror(i_Errno), gPc_InfoMessEnCours);
+        LibereSession(ld);
+        return nullptr;
+    }
+
+    // 4. Anonymous simple bind: no DN, empty password.
+    berval st_Secret{0, nullptr};
+    int i_Code =
+        ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
+    if (i_Code != LDAP_SUCCESS) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s", i_Code,
+                         ldap_err2string(i_Code), gPc_InfoMessEnCours);
+        LibereSession(ld);
+        return nullptr;
+    }
+    return ld;
+}
+
+// Opens the session, retrying every gi_PasReessaiLdap seconds as long as no
+// more than gi_DureeReessaiLdap seconds have passed; then gives the message
+// back to Postfix (level 2).  Elapsed time is taken on the monotonic clock,
+// in whole seconds, so that a change of the system clock neither cuts the
+// window short nor stretches it.
+LDAP *ldapConnect(const char *pc_Hotes) {
+    const auto t_Debut = std::chrono::steady_clock::now();
+    for (;;) {
+        LDAP *ld = _ldapConnect(pc_Hotes);
+        if (ld != nullptr) return ld;
+        if (SecondesDepuis(t_Debut) > gi_DureeReessaiLdap) break;
+        syslog(LOG_WARNING, "v1.1.0/2570: Tentative de connexion impossible sur <%s>. %s",
+               pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
+        Patiente(gi_PasReessaiLdap);
+    }
+    TraitementErreur(
+        NIVEAU_CRITIQUE,
+        "v1.1.0/2576: Erreur connection LDAP sur <%s>. %s. Possibilite de depots repetes",
+        pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
+    return nullptr;
+}
+
+// Unbinds an open session; the handle is null afterwards in every case.
+void ldapClose(LDAP **ppld) {
+    if (ppld == nullptr) return;
+    LibereSession(*ppld);
+    *ppld = nullptr;
+}
+
+// Searches the whole tree for the filter and fills the value table when
+// exactly one entry is found.  The search waits at most gi_DelaiReseauLdap
+// seconds (the session's operation time-out); a time-out is a search error.
+int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_Attr,
+                       char ***ttpc_Valeurs) {
+    // 1. Search; the attribute list is only read by the library.  A closed
+    //    session or a missing filter is refused here, as the library would
+    //    refuse it, rather than handed to the library's assertions.
+    LDAPMessage *pst_Resultat = nullptr;
+    int i_Code = LDAP_PARAM_ERROR;
+    if (ld != nullptr && pc_Filtre != nullptr)
+        i_Code =
+            ldap_search_ext_s(ld, "", LDAP_SCOPE_SUBTREE, pc_Filtre, const_cast<char **>(tpc_Attr),
+                              0, nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &pst_Resultat);
+    if (i_Code != LDAP_SUCCESS) {
+        ldap_msgfree(pst_Resultat);
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/2604: Erreur ldap_search_s, filtre=<%s> ld_errno=%d (%s). %s. "
+                         "Possibilite de depots repetes",
+                         pc_Filtre != nullptr ? pc_Filtre : "", i_Code, ldap_err2string(i_Code),
+                         gPc_InfoMessEnCours);
+        return -1;
+    }
+
+    // 2. Count.
+    int i_Nb = ldap_count_entries(ld, pst_Resultat);
+    if (i_Nb == 0) {
+        for (int i = 0; tpc_Attr[i] != nullptr; i++) ttpc_Valeurs[i] = nullptr;
+        ldap_msgfree(pst_Resultat);
+        return 0;
+    }
+    if (i_Nb != 1) {
+        ldap_msgfree(pst_Resultat);
+        TraitementErreur(
+            NIVEAU_ERREUR,
+            "v1.1.0/2618: Incoherence annuaire, %d entree(s) trouvee(s), filtre=<%s>. %s", i_Nb,
+            pc_Filtre, gPc_InfoMessEnCours);
+        return i_Nb;
+    }
+
+    // 3. One entry: copy the values of every name of the list.  The values
+    //    are copies, so the result is released as soon as they are made.
+    LDAPMessage *pst_Entree = ldap_first_entry(ld, pst_Resultat);
+    if (pst_Entree == nullptr) {
+        int i_Errno = errno;
+        ldap_msgfree(pst_Resultat);
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/2610: Erreur ldap_first_entry, retour NULL, errno=%d (%s). %s. "
+                         "Possibilite de depots repetes",
+                         i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+        return -1;
+    }
+    for (int i = 0; tpc_Attr[i] != nullptr; i++) {
+        berval **tpst = ldap_get_values_len(ld, pst_Entree, tpc_Attr[i]);
+        bool b_Echec = false;
+        ttpc_Valeurs[i] = CopieValeurs(tpst, &b_Echec);
+        ldap_value_free_len(tpst);
+        if (b_Echec) {
+            int i_Errno = errno;
+            ldap_msgfree(pst_Resultat);
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/2612: Erreur malloc des valeurs de <%s>, errno=%d (%s). %s. "
+                             "Possibilite de depots repetes",
+                             tpc_Attr[i], i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+            return -1;
+        }
+    }
+    ldap_msgfree(pst_Resultat);
+    return 1;
+}
+
+// Index of the first name equal to the given one (exact bytes), or the
+// number of names.
+int i_IndiceAttr(const char *const *tpc_Attr, const char *pc_Nom) {
+    int i = 0;
+    while (tpc_Attr[i] != nullptr && strcmp(tpc_Attr[i], pc_Nom) != 0) i++;
+    return i;
+}
+
+// Value list of the named attribute; a name the list does not hold has no
+// values (its index is the terminator's, which has no slot to read).
+char **tpc_ValeursLdap(const char *const *tpc_Attr, char **const *ttpc_Valeurs,
+                       const char *pc_Nom) {
+    int i = i_IndiceAttr(tpc_Attr, pc_Nom);
+    if (tpc_Attr[i] == nullptr) return nullptr;
+    return ttpc_Valeurs[i];
+}
+
+// One value of the named attribute; the index is the caller's to keep in range.
+char *pc_ValeurLdap(const char *const *tpc_Attr, char **const *ttpc_Valeurs, const char *pc_Nom,
+                    int i_Indice) {
+    char **tpc = tpc_ValeursLdap(tpc_Attr, ttpc_Valeurs, pc_Nom);
+    if (tpc == nullptr) return nullptr;
+    return tpc[i_Indice];
+}
+
+// First value that begins with the prefix (any ASCII case): what follows
+// the prefix and its blanks and tabs, pointing into the list; "" otherwise.
+const char *RecupValeurTableau(char *const *tpc_Valeurs, const char *pc_Prefixe) {
+    if (tpc_Valeurs == nullptr) return PC_VIDE;
+    std::size_t t_Long = strlen(pc_Prefixe);
+    for (int i = 0; tpc_Valeurs[i] != nullptr; i++) {
+        if (strncasecmp(tpc_Valeurs[i], pc_Prefixe, t_Long) != 0) continue;
+        const char *pc = tpc_Valeurs[i] + t_Long;
+        while (*pc == ' ' || *pc == '\t') pc++;
+        return pc;
+    }
+    return PC_VIDE;
+}
+
+// Releases a value list made by RecupUneEntreeLdap.
+void LibereValeursLdap(char **tpc_Valeurs) { free(tpc_Valeurs); }
+
+// "(attribute=value)" with the value's filter metacharacters written as
+// \XX escapes, so that an address can neither widen nor break the filter.
+// A filter that does not fit is refused: a cut filter would look up
+// another address.
+int ConstruitFiltreLdap(char *pc_Filtre, std::size_t t_Taille, const char *pc_Attr,
+                        const char *pc_Valeur) {
+    static const char pc_Hexa[] = "0123456789abcdef";
+    if (t_Taille == 0) return -1;
+    std::size_t t_Pos = 0;
+    bool b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, "(", 1) &&
+                Ajoute(pc_Filtre, t_Taille, &t_Pos, pc_Attr, strlen(pc_Attr)) &&
+                Ajoute(pc_Filtre, t_Taille, &t_Pos, "=", 1);
+    for (const char *pc = pc_Valeur != nullptr ? pc_Valeur : ""; b_Ok && *pc != '\0'; pc++) {
+        unsigned char c = static_cast<unsigned char>(*pc);
+        if (c == '*' || c == '(' || c == ')' || c == '\\') {
+            char pc_Echappe[3] = {'\\', pc_Hexa[c >> 4], pc_Hexa[c & 0x0f]};
+            b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, pc_Echappe, sizeof pc_Echappe);
+        } else {
+            b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, pc, 1);
+        }
+    }
+    if (b_Ok) b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, ")", 1);
+    if (!b_Ok) {
+        pc_Filtre[0] = '\0';
+        return -1;
+    }
+    return 0;
+}
