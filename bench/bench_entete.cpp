@@ -61,6 +61,7 @@ int LitChercheDump(const std::string &s_Message) {
     return i;
 }
 
+// Whole header of n fields: read, two lookups, one dump.
 void BM_EnteteLectureRechercheDump(benchmark::State &state) {
     std::string s = EnteteDeNChamps(static_cast<int>(state.range(0)));
     for (auto _ : state) benchmark::DoNotOptimize(LitChercheDump(s));
@@ -69,6 +70,7 @@ void BM_EnteteLectureRechercheDump(benchmark::State &state) {
 BENCHMARK(BM_EnteteLectureRechercheDump)->RangeMultiplier(10)->Range(100, 100000)
     ->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
 
+// One field folded over n lines: joining must stay linear.
 void BM_ChampPlieSurNLignes(benchmark::State &state) {
     std::string s = ChampPlie(static_cast<int>(state.range(0)));
     for (auto _ : state) {
@@ -82,6 +84,7 @@ void BM_ChampPlieSurNLignes(benchmark::State &state) {
 BENCHMARK(BM_ChampPlieSurNLignes)->RangeMultiplier(10)->Range(100, 100000)
     ->Unit(benchmark::kMillisecond)->Complexity(benchmark::oN);
 
+// Encoding a typical accented subject.
 void BM_EncodeQPSujet(benchmark::State &state) {
     const char *pc = "R\xE9" "ponse automatique : cong\xE9s d'\xE9t\xE9 du 14 juillet au 15 ao\xFBt, "
                      "r\xE9" "ception des messages diff\xE9" "r\xE9" "e";
@@ -90,6 +93,7 @@ void BM_EncodeQPSujet(benchmark::State &state) {
 }
 BENCHMARK(BM_EncodeQPSujet);
 
+// Decoding a typical From with two encoded words.
 void BM_DecodeQPFrom(benchmark::State &state) {
     const char *pc = "=?UTF-8?Q?Fran=C3=A7ois_M=C3=BCller?= =?UTF-8?B?w6l0w6k=?= <fm@exemple.fr>";
     char pc_Sortie[512];
@@ -99,6 +103,7 @@ BENCHMARK(BM_DecodeQPFrom);
 
 }  // namespace
 
+// Runs the benchmarks, then prints the 10,000-line figure against its goal.
 int main(int argc, char **argv) {
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

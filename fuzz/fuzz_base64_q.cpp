@@ -7,6 +7,7 @@
 
 #include "codec/codec.h"
 
+// One input; traps on any broken invariant.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_t t_Taille) {
     if (t_Taille < 1) return 0;
     std::size_t t_Sortie = pc_Donnees[0];

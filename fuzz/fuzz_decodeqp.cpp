@@ -14,6 +14,7 @@ const char *const tpc_Cibles[] = {"UTF-8", "ISO-8859-1", "", nullptr, "ISO-8859-
                                   "ISO-2022-JP", "X-INCONNU"};
 }
 
+// One input; traps on any broken invariant.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_t t_Taille) {
     if (t_Taille < 2) return 0;
     const char *pc_Cible = tpc_Cibles[pc_Donnees[0] % (sizeof tpc_Cibles / sizeof *tpc_Cibles)];

@@ -10,6 +10,7 @@
 
 #include "codec/codec.h"
 
+// One input; traps on any broken invariant.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_t t_Taille) {
     if (t_Taille < 2) return 0;
     int i_Sortie = pc_Donnees[0];

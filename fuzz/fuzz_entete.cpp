@@ -26,6 +26,7 @@ void Libere(Entete *pet) {
 
 }  // namespace
 
+// One input; traps on any broken invariant.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_t t_Taille) {
     FILE *pf = fmemopen(const_cast<std::uint8_t *>(pc_Donnees), t_Taille, "r");
     if (t_Taille == 0 || pf == nullptr) return 0;

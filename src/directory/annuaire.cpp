@@ -28,9 +28,16 @@
 
 LDAP *gld = nullptr;
 
-const char *const gtpc_AttrLdapDest[NB_ATTR_LDAP_DEST + 1] = {
-    "uid",    "cn",   "ravokVixRemise", "ravokVixReponse",      "ravokVixServeurPrincipal",
-    "ravokVixRestrictions", "ravokVixMembres", "info", "ravokVixmailEmission", nullptr};
+const char *const gtpc_AttrLdapDest[NB_ATTR_LDAP_DEST + 1] = {"uid",
+                                                              "cn",
+                                                              "ravokVixRemise",
+                                                              "ravokVixReponse",
+                                                              "ravokVixServeurPrincipal",
+                                                              "ravokVixRestrictions",
+                                                              "ravokVixMembres",
+                                                              "info",
+                                                              "ravokVixmailEmission",
+                                                              nullptr};
 const char *const gtpc_AttrLdapEmet[NB_ATTR_LDAP_EMET + 1] = {"cn", "objectClass", nullptr};
 const char *const gtpc_AttrLdapListeM[NB_ATTR_LDAP_LISTEM + 1] = {"ravokVixMembres",
                                                                   "ravokVixRemise", nullptr};
@@ -46,19 +53,19 @@ constexpr long PORT_MAX = 65535;
 // The empty text returned by RecupValeurTableau for "no such value".
 const char PC_VIDE[] = "";
 
-// 1 when the character separates hosts in a host list.
+// True when the character separates hosts in a host list.
 bool EstSeparateurHote(char c) { return c == ' ' || c == '\t' || c == ','; }
 
-// 1 when the character may appear in a host name or dotted address.
+// True when the character may appear in a host name or dotted address.
 bool EstCaractereHote(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           c == '.' || c == '-' || c == '_';
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+           c == '-' || c == '_';
 }
 
-// 1 when the character may appear inside the brackets of an IPv6 literal.
+// True when the character may appear inside the brackets of an IPv6 literal.
 bool EstCaractereIpv6(char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F') ||
-           c == ':' || c == '.';
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F') || c == ':' ||
+           c == '.';
 }
 
 // Splits one host entry [pc, pc + t) into its host and port parts; false when
@@ -148,7 +155,8 @@ char **CopieValeurs(berval **tpst_Valeurs, bool *pb_Echec) {
     char *pc = reinterpret_cast<char *>(tpc) + t_Pointeurs;
     for (std::size_t i = 0; i < t_Nb; i++) {
         tpc[i] = pc;
-        if (tpst_Valeurs[i]->bv_len > 0) memcpy(pc, tpst_Valeurs[i]->bv_val, tpst_Valeurs[i]->bv_len);
+        if (tpst_Valeurs[i]->bv_len > 0)
+            memcpy(pc, tpst_Valeurs[i]->bv_val, tpst_Valeurs[i]->bv_len);
         pc[tpst_Valeurs[i]->bv_len] = '\0';
         pc += tpst_Valeurs[i]->bv_len + 1;
     }
@@ -158,9 +166,9 @@ char **CopieValeurs(berval **tpst_Valeurs, bool *pb_Echec) {
 
 // Whole seconds elapsed since the start, on the monotonic clock.
 long SecondesDepuis(std::chrono::steady_clock::time_point t_Debut) {
-    return static_cast<long>(std::chrono::duration_cast<std::chrono::seconds>(
-                                 std::chrono::steady_clock::now() - t_Debut)
-                                 .count());
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - t_Debut)
+            .count());
 }
 
 // Sleeps the whole number of seconds, even when a signal cuts a sleep short.
@@ -220,9 +228,9 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     }
     if (ld == nullptr) {
         int i_Errno = errno;
-        TraitementErreur(NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
-                         pc_Hotes != nullptr ? pc_Hotes : "", i_Errno, strerror(i_Errno),
-                         gPc_InfoMessEnCours);
+        TraitementErreur(
+            NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
+            pc_Hotes != nullptr ? pc_Hotes : "", i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
         return nullptr;
     }
 
@@ -230,10 +238,11 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     //    refuses), then the limits that keep a silent or unreachable host
     //    from holding the run: the connect, and every synchronous operation,
     //    end after gi_DelaiReseauLdap seconds.  Referrals are not chased: the
-    //    program talks only to the hosts it was given.
+    //    program talks only to the hosts it was given.  A refused option is
+    //    reported with the value asked for (3, the time-out, 0 for referrals).
     int i_Version = VERSION_PROTOCOLE_LDAP;
     timeval st_Delai{};
-    st_Delai.tv_sec = gi_DelaiReseauLdap;
+    st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
     if (!PoseOption(ld, LDAP_OPT_PROTOCOL_VERSION, &i_Version, i_Version) ||
         !PoseOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
         !PoseOption(ld, LDAP_OPT_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
@@ -247,18 +256,21 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     errno = 0;
     if (ldap_connect(ld) != LDAP_SUCCESS) {
         int i_Errno = errno;
-        TraitementErreur(NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
-                         pc_Hotes, i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes, i_Errno,
+                         strerror(i_Errno), gPc_InfoMessEnCours);
         LibereSession(ld);
         return nullptr;
     }
 
     // 4. Anonymous simple bind: no DN, empty password.
     berval st_Secret{0, nullptr};
-    int i_Code = ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
+    int i_Code =
+        ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
     if (i_Code != LDAP_SUCCESS) {
-        TraitementErreur(NIVEAU_AVERTISSEMENT, "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s",
-                         i_Code, ldap_err2string(i_Code), gPc_InfoMessEnCours);
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s", i_Code,
+                         ldap_err2string(i_Code), gPc_InfoMessEnCours);
         LibereSession(ld);
         return nullptr;
     }
@@ -280,9 +292,10 @@ LDAP *ldapConnect(const char *pc_Hotes) {
                pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
         Patiente(gi_PasReessaiLdap);
     }
-    TraitementErreur(NIVEAU_CRITIQUE,
-                     "v1.1.0/2576: Erreur connection LDAP sur <%s>. %s. Possibilite de depots repetes",
-                     pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
+    TraitementErreur(
+        NIVEAU_CRITIQUE,
+        "v1.1.0/2576: Erreur connection LDAP sur <%s>. %s. Possibilite de depots repetes",
+        pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
     return nullptr;
 }
 
@@ -298,17 +311,22 @@ void ldapClose(LDAP **ppld) {
 // seconds (the session's operation time-out); a time-out is a search error.
 int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_Attr,
                        char ***ttpc_Valeurs) {
-    // 1. Search; the attribute list is only read by the library.
+    // 1. Search; the attribute list is only read by the library.  A closed
+    //    session or a missing filter is refused here, as the library would
+    //    refuse it, rather than handed to the library's assertions.
     LDAPMessage *pst_Resultat = nullptr;
-    int i_Code = ldap_search_ext_s(ld, "", LDAP_SCOPE_SUBTREE, pc_Filtre,
-                                   const_cast<char **>(tpc_Attr), 0, nullptr, nullptr, nullptr,
-                                   LDAP_NO_LIMIT, &pst_Resultat);
+    int i_Code = LDAP_PARAM_ERROR;
+    if (ld != nullptr && pc_Filtre != nullptr)
+        i_Code =
+            ldap_search_ext_s(ld, "", LDAP_SCOPE_SUBTREE, pc_Filtre, const_cast<char **>(tpc_Attr),
+                              0, nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &pst_Resultat);
     if (i_Code != LDAP_SUCCESS) {
         ldap_msgfree(pst_Resultat);
         TraitementErreur(NIVEAU_CRITIQUE,
                          "v1.1.0/2604: Erreur ldap_search_s, filtre=<%s> ld_errno=%d (%s). %s. "
                          "Possibilite de depots repetes",
-                         pc_Filtre, i_Code, ldap_err2string(i_Code), gPc_InfoMessEnCours);
+                         pc_Filtre != nullptr ? pc_Filtre : "", i_Code, ldap_err2string(i_Code),
+                         gPc_InfoMessEnCours);
         return -1;
     }
 
@@ -321,12 +339,15 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
     }
     if (i_Nb != 1) {
         ldap_msgfree(pst_Resultat);
-        TraitementErreur(NIVEAU_ERREUR, "v1.1.0/2618: Incoherence annuaire, %d entree(s) trouvee(s), filtre=<%s>. %s",
-                         i_Nb, pc_Filtre, gPc_InfoMessEnCours);
+        TraitementErreur(
+            NIVEAU_ERREUR,
+            "v1.1.0/2618: Incoherence annuaire, %d entree(s) trouvee(s), filtre=<%s>. %s", i_Nb,
+            pc_Filtre, gPc_InfoMessEnCours);
         return i_Nb;
     }
 
-    // 3. One entry: copy the values of every name of the list.
+    // 3. One entry: copy the values of every name of the list.  The values
+    //    are copies, so the result is released as soon as they are made.
     LDAPMessage *pst_Entree = ldap_first_entry(ld, pst_Resultat);
     if (pst_Entree == nullptr) {
         int i_Errno = errno;

@@ -15,7 +15,8 @@
 //   ldapClose(&ld)            unbinds a non-null session; ld becomes null.
 //   RecupUneEntreeLdap(ld, filter, attributes, table)
 //                             number of entries: 0 (every slot null) or 1
-//                             (slots filled); otherwise the run ends.
+//                             (slots filled); otherwise the run ends (a
+//                             closed session is a search error, 2604).
 //   i_IndiceAttr, tpc_ValeursLdap, pc_ValeurLdap
 //                             slot of a name, its value list, one value.
 //   RecupValeurTableau(values, prefix)
@@ -26,12 +27,16 @@
 //                             "(attribute=value)" with the value escaped for
 //                             filter syntax; -1, buffer emptied, when it does
 //                             not fit (never truncated).  Filters of the
-//                             program use TAILLE_FILTRE (320) bytes.
+//                             program use TAILLE_FILTRE (320) bytes; the
+//                             attribute is the program's own, put as is.
 //   ConstruitUrisLdap(hosts, buf, size)
 //                             "host host:port,..." into "ldap://host:389,...";
 //                             number of hosts, or -1 (empty, bad host, too long).
 //   ExploseMembres(members)   new address list, nested lists expanded
 //                             breadth-first (placeholder ""), at most 300.
+//                             The caller may free the array; the nested
+//                             lists' values it points into are left to the
+//                             end of the process.
 //   UniciteMembres(list)      sorts (any case) and drops duplicates in place.
 //
 // Value lists are null-terminated arrays of NUL-terminated strings in one
@@ -83,8 +88,7 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
 // Index of the name in the list, or the number of names when absent.
 int i_IndiceAttr(const char *const *tpc_Attr, const char *pc_Nom);
 // Value list of the named attribute, or null.
-char **tpc_ValeursLdap(const char *const *tpc_Attr, char **const *ttpc_Valeurs,
-                       const char *pc_Nom);
+char **tpc_ValeursLdap(const char *const *tpc_Attr, char **const *ttpc_Valeurs, const char *pc_Nom);
 // Value i_Indice of the named attribute, or null when it has no values.
 char *pc_ValeurLdap(const char *const *tpc_Attr, char **const *ttpc_Valeurs, const char *pc_Nom,
                     int i_Indice);

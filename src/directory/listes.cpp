@@ -33,10 +33,11 @@ constexpr const char *PC_PREFIXE_LISTE = "LISTE";
 // The placeholder left in the slot of an expanded list.
 char sPc_Vide[] = "";
 
-// 1 when the member's entry is a list: its delivery kind begins with LISTE.
+// True when the member's entry is a list: its delivery kind begins with LISTE.
 bool EstListe(char **const *ttpc_Valeurs) {
     const char *pc_Remise = pc_ValeurLdap(gtpc_AttrLdapListeM, ttpc_Valeurs, "ravokVixRemise", 0);
-    return pc_Remise != nullptr && strncasecmp(pc_Remise, PC_PREFIXE_LISTE, strlen(PC_PREFIXE_LISTE)) == 0;
+    return pc_Remise != nullptr &&
+           strncasecmp(pc_Remise, PC_PREFIXE_LISTE, strlen(PC_PREFIXE_LISTE)) == 0;
 }
 
 // Releases every value list of a member's table.
@@ -96,7 +97,8 @@ char **ExploseMembres(char **tpc_Membres) {
                              NB_MAX_LISTES_IMBRIQUEES, gPc_InfoMessEnCours);
             return nullptr;
         }
-        char **tpc_Imbriques = tpc_ValeursLdap(gtpc_AttrLdapListeM, ttpc_Valeurs, "ravokVixMembres");
+        char **tpc_Imbriques =
+            tpc_ValeursLdap(gtpc_AttrLdapListeM, ttpc_Valeurs, "ravokVixMembres");
         std::size_t t_NbImbriques = static_cast<std::size_t>(NblTableau(tpc_Imbriques));
         if (t_NbImbriques == 0) {
             LibereTable(ttpc_Valeurs);

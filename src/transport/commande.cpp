@@ -85,6 +85,7 @@ void AbandonneFils(pid_t i_Pid, int i_Fd) {
     kill(i_Pid, SIGKILL);
     close(i_Fd);
     AttendFils(i_Pid);
+    gi_PidCommandeEnCours = 0;
 }
 
 // Starts the command with its standard input on a new pipe; 0 with the
@@ -143,6 +144,9 @@ int LanceCommande(char *const *tpc_Argv, pid_t *pi_Pid, int *pi_Fd) {
     }
     *pi_Pid = i_Pid;
     *pi_Fd = t_Entree[1];
+    // Known to the run's time budget, which kills it rather than let it
+    // see the end of a message that was not sent whole.
+    gi_PidCommandeEnCours = i_Pid;
     return 0;
 }
 
@@ -213,6 +217,7 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
     close(i_Fd);
     int i_Etat = AttendFils(i_Pid);
     int i_ErrAttente = errno;
+    gi_PidCommandeEnCours = 0;
     int i_Code = (i_Etat >> 8) & 0xff;
     if (pi_Statut != nullptr) {
         *pi_Statut = i_Code;

@@ -81,14 +81,15 @@ std::string Configuration(const AnnuaireEssai &st, const OptionsAnnuaire &st_Opt
     s += "include " REPERTOIRE_SOURCES "/schema/vorane.schema\n";
     s += "pidfile " + st.s_Repertoire + "/slapd.pid\n";
     s += "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
-    if (st_Options.b_BaseParDefaut) s += std::string("defaultsearchbase ") + SUFFIXE_ANNUAIRE_ESSAI + "\n";
+    if (st_Options.b_BaseParDefaut)
+        s += std::string("defaultsearchbase ") + SUFFIXE_ANNUAIRE_ESSAI + "\n";
     if (st_Options.b_RefuseAnonyme) s += "disallow bind_anon\n";
     s += "loglevel 0\n";
     s += "database mdb\nmaxsize 104857600\n";
     s += std::string("suffix \"") + SUFFIXE_ANNUAIRE_ESSAI + "\"\n";
     s += std::string("rootdn \"cn=admin,") + SUFFIXE_ANNUAIRE_ESSAI + "\"\nrootpw secret\n";
     s += "directory " + st.s_Repertoire + "/db\n";
-    s += "index mail,ravokVixmailEmission eq\n";
+    s += "index objectClass,mail,ravokVixmailEmission eq\n";
     s += "access to * by * read\n";
     return s;
 }
@@ -129,7 +130,8 @@ std::string EntreeLdif(const std::string &s_Rdn, const std::string &s_Lignes) {
     return s + "\n";
 }
 
-bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif, const OptionsAnnuaire &st_Options) {
+bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
+                     const OptionsAnnuaire &st_Options) {
     // 1. Directory, configuration, entries.
     char pc_Modele[] = "/tmp/vorane-slapd-XXXXXX";
     if (mkdtemp(pc_Modele) == nullptr) {
@@ -140,8 +142,9 @@ bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif, const Option
     std::filesystem::create_directory(pst->s_Repertoire + "/db");
     const std::string s_Conf = pst->s_Repertoire + "/slapd.conf";
     const std::string s_Entrees = pst->s_Repertoire + "/entrees.ldif";
-    std::string s_Base = std::string("dn: ") + SUFFIXE_ANNUAIRE_ESSAI +
-                         "\nobjectClass: dcObject\nobjectClass: organization\ndc: vorane\no: vorane\n\n";
+    std::string s_Base =
+        std::string("dn: ") + SUFFIXE_ANNUAIRE_ESSAI +
+        "\nobjectClass: dcObject\nobjectClass: organization\ndc: vorane\no: vorane\n\n";
     if (!EcritFichier(s_Conf, Configuration(*pst, st_Options)) ||
         !EcritFichier(s_Entrees, s_Base + s_Ldif)) {
         pst->s_Erreur = "cannot write the configuration";

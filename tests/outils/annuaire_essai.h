@@ -22,20 +22,21 @@
 constexpr const char *SUFFIXE_ANNUAIRE_ESSAI = "dc=vorane,dc=example";
 
 struct OptionsAnnuaire {
-    bool b_RefuseAnonyme = false;     // "disallow bind_anon": every anonymous bind refused
-    bool b_BaseParDefaut = true;      // defaultsearchbase set to the suffix
+    bool b_RefuseAnonyme = false;  // "disallow bind_anon": every anonymous bind refused
+    bool b_BaseParDefaut = true;   // defaultsearchbase set to the suffix
 };
 
 struct AnnuaireEssai {
     std::string s_Repertoire;  // temporary directory (config, database, log)
     int i_Port = 0;
     pid_t i_Pid = 0;
-    std::string s_Hote;        // "127.0.0.1:<port>", as -l takes it
-    std::string s_Erreur;      // why the start failed
+    std::string s_Hote;    // "127.0.0.1:<port>", as -l takes it
+    std::string s_Erreur;  // why the start failed
 };
 
 // Starts slapd with the entries; false (and s_Erreur) when it cannot.
-bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif, const OptionsAnnuaire &st_Options = {});
+bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
+                     const OptionsAnnuaire &st_Options = {});
 // Stops slapd (SIGTERM, waits) and removes its directory; harmless twice.
 void ArreteAnnuaire(AnnuaireEssai *pst);
 // Freezes / thaws the running slapd (SIGSTOP / SIGCONT): a server that has
@@ -51,10 +52,10 @@ enum class ModeMuet { Accepte, FilePleine };
 
 struct ServeurMuet {
     int i_Port = 0;
-    pid_t i_Pid = 0;      // accepting child (ModeMuet::Accepte)
-    int i_Ecoute = -1;    // listening socket (ModeMuet::FilePleine)
-    int i_Bouchon = -1;   // connection that fills the queue
-    std::string s_Hote;   // "127.0.0.1:<port>"
+    pid_t i_Pid = 0;     // accepting child (ModeMuet::Accepte)
+    int i_Ecoute = -1;   // listening socket (ModeMuet::FilePleine)
+    int i_Bouchon = -1;  // connection that fills the queue
+    std::string s_Hote;  // "127.0.0.1:<port>"
 };
 
 bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode);

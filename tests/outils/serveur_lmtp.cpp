@@ -16,6 +16,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "message/message.h"
 #include "processus.h"
 
 namespace {
@@ -212,6 +213,24 @@ std::string DonneesRecues(const std::string &s_Recu, bool *pb_Terminee) {
         s += s_Ligne;
     }
     return s;
+}
+
+Entete *ListeLignes(const std::vector<std::string> &v_Lignes) {
+    Entete *pet_Tete = nullptr;
+    Entete *pet_Curseur = nullptr;
+    for (const std::string &s : v_Lignes) {
+        ChargeLigne(&pet_Curseur, s.c_str(), 0);
+        if (pet_Tete == nullptr) pet_Tete = pet_Curseur;
+    }
+    return pet_Tete;
+}
+
+FILE *FluxOctets(const std::string &s_Octets) {
+    FILE *pf = tmpfile();
+    if (pf == nullptr) return nullptr;
+    fwrite(s_Octets.data(), 1, s_Octets.size(), pf);
+    rewind(pf);
+    return pf;
 }
 
 ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_LimiteSecondes) {

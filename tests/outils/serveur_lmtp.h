@@ -12,12 +12,15 @@
 // received is recorded; Recu() waits for the server to end and returns them.
 // Once the script is used up the server reads to the end of the connection.
 //
+// ListeLignes and FluxOctets build a message list and a body stream.
+//
 // ExecuteEnFils runs a callable in a forked child with its standard error
 // captured, and returns the child's exit status (or signal), its standard
 // error and the text the callable returned (written back through a pipe).
 // It is how tests call operations that may end the process (level 2).
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -61,6 +64,12 @@ private:
 // removed as an LMTP server does.  b_Terminee tells whether the "." line was
 // found.
 std::string DonneesRecues(const std::string &s_Recu, bool *pb_Terminee = nullptr);
+
+// A line list (copies of the texts) and a body stream holding the bytes, as
+// the transports take them.
+struct Entete;
+Entete *ListeLignes(const std::vector<std::string> &v_Lignes);
+FILE *FluxOctets(const std::string &s_Octets);
 
 struct ResultatEnfant {
     int i_Statut = -1;    // exit status, or -1 when ended by a signal

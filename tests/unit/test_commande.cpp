@@ -24,25 +24,6 @@ namespace {
 
 const std::string CAPTURE = std::string(REPERTOIRE_BIN_ESSAI) + "/capture-commande";
 
-// Builds a line list from texts.
-Entete *Liste(const std::vector<std::string> &v) {
-    Entete *pet_Tete = nullptr;
-    Entete *pet_Curseur = nullptr;
-    for (const std::string &s : v) {
-        ChargeLigne(&pet_Curseur, s.c_str(), 0);
-        if (pet_Tete == nullptr) pet_Tete = pet_Curseur;
-    }
-    return pet_Tete;
-}
-
-// A body stream holding the bytes.
-FILE *Flux(const std::string &s) {
-    FILE *pf = tmpfile();
-    fwrite(s.data(), 1, s.size(), pf);
-    rewind(pf);
-    return pf;
-}
-
 // One recorded call of the capture program.
 struct Appel {
     std::vector<std::string> v_Argv;
@@ -107,8 +88,8 @@ ResultatEnfant Envoi(const std::string &s_Emetteur, std::vector<std::string> v_D
         std::vector<char *> v;
         for (std::string &s : v_Dest) v.push_back(s.data());
         v.push_back(nullptr);
-        Entete *pet = Liste(ENTETE);
-        EnvoiMessage(pet, Flux(s_Corps), s_Emetteur.c_str(), v.data());
+        Entete *pet = ListeLignes(ENTETE);
+        EnvoiMessage(pet, FluxOctets(s_Corps), s_Emetteur.c_str(), v.data());
         return std::string("fini");
     });
 }
@@ -275,7 +256,7 @@ TEST_F(Commande, StatutDeSortie) {
     r = ExecuteEnFils([]() {
         char pc_Absent[] = "/nonexistent/sendmail";
         char *tpc[] = {pc_Absent, nullptr};
-        DelivreMessage(Liste(ENTETE), nullptr, "exec /nonexistent/sendmail", tpc, nullptr);
+        DelivreMessage(ListeLignes(ENTETE), nullptr, "exec /nonexistent/sendmail", tpc, nullptr);
         return std::string("fini");
     });
     EXPECT_EQ(r.i_Statut, 75);
@@ -293,7 +274,7 @@ TEST_F(Commande, CaseDeStatutEtListeSeule) {
         std::string s_Cmd = CAPTURE;
         char *tpc[] = {s_Cmd.data(), const_cast<char *>("liste'; rm -rf /"), nullptr};
         int i_Statut = 12345;
-        DelivreMessage(Liste({"To: x@y\n", "\n", "corps\n"}), nullptr, "exec queue 'liste'", tpc,
+        DelivreMessage(ListeLignes({"To: x@y\n", "\n", "corps\n"}), nullptr, "exec queue 'liste'", tpc,
                        &i_Statut);
         return std::to_string(i_Statut);
     });
@@ -318,7 +299,7 @@ TEST_F(Commande, CommandeQuiCesseDeLire) {
             if (b_Ignore) signal(SIGPIPE, SIG_IGN);
             std::vector<std::string> v = {"a@b.example"};
             char *tpc[] = {v[0].data(), nullptr};
-            EnvoiMessage(Liste(ENTETE), Flux(std::string(4 << 20, 'x')), "e@x.example", tpc);
+            EnvoiMessage(ListeLignes(ENTETE), FluxOctets(std::string(4 << 20, 'x')), "e@x.example", tpc);
             return std::string("fini");
         });
         EXPECT_NE(r.i_Statut, 0);
@@ -330,6 +311,29 @@ TEST_F(Commande, CommandeQuiCesseDeLire) {
             EXPECT_EQ(r.i_Signal, SIGPIPE);
         }
     }
+}
+
+// The run's time budget spent while the message is still being piped (its
+// body never ends): the command is killed before it could see an end of
+// input, and the process leaves the message with Postfix.
+TEST_F(Commande, BudgetEpuisePendantLaCommande) {
+    Capture cap;
+    ResultatEnfant r = ExecuteEnFils([]() {
+        gi_BudgetExecution = 1;
+        ArmeBudgetExecution();
+        int t_Tube[2];
+        if (pipe(t_Tube) != 0) return std::string("pipe");
+        ssize_t n = write(t_Tube[1], "debut\n", 6);  // and never closed
+        (void)n;
+        std::string s_Dest = "a@b.example";
+        char *tpc[] = {s_Dest.data(), nullptr};
+        EnvoiMessage(ListeLignes(ENTETE), fdopen(t_Tube[0], "r"), "e@x.example", tpc);
+        return std::string("fini");
+    });
+    EXPECT_EQ(r.i_Statut, 75);
+    EXPECT_NE(r.s_Erreur.find("v1.1.0/3652"), std::string::npos) << r.s_Erreur;
+    ASSERT_EQ(cap.Appels().size(), 1u);
+    EXPECT_NE(access((cap.s_Rep + "/appel-1.fin").c_str(), F_OK), 0);
 }
 
 }  // namespace

@@ -19,42 +19,49 @@ const char *const INFO = "message-id=<liste@x>, from=<a@b.c>, to=<l@vorane.examp
 constexpr int LONGUEUR_CHAINE = NB_MAX_LISTES_IMBRIQUEES;
 
 // LDIF of a list entry with its members.
-std::string Liste(const std::string &s_Nom, const std::string &s_Remise, const std::vector<std::string> &v_Membres) {
-    std::string s = "objectClass: ravokVixListe\ncn: " + s_Nom + "\nmail: " + s_Nom + "@vorane.example\nravokVixRemise: " + s_Remise + "\n";
+std::string Liste(const std::string &s_Nom, const std::string &s_Remise,
+                  const std::vector<std::string> &v_Membres) {
+    std::string s = "objectClass: ravokVixListe\ncn: " + s_Nom + "\nmail: " + s_Nom +
+                    "@vorane.example\nravokVixRemise: " + s_Remise + "\n";
     for (const std::string &m : v_Membres) s += "ravokVixMembres: " + m + "\n";
     return EntreeLdif("cn=" + s_Nom, s);
 }
 
 // LDIF of a mailbox.
 std::string Boite(const std::string &s_Uid) {
-    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + s_Uid +
-                                          "\ncn: " + s_Uid + "\nsn: " + s_Uid + "\nmail: " + s_Uid +
-                                          "@vorane.example\nravokVixRemise: LMTP\n");
+    return EntreeLdif("uid=" + s_Uid,
+                      "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + s_Uid +
+                          "\ncn: " + s_Uid + "\nsn: " + s_Uid + "\nmail: " + s_Uid +
+                          "@vorane.example\nravokVixRemise: LMTP\n");
 }
 
 // A chain of n lists, chaineN-1 -> ... -> chaineN-n -> y@vorane.example.
 std::string Chaine(int n) {
     std::string s;
     for (int i = 1; i <= n; i++) {
-        std::string s_Suivant = i < n ? "chaine" + std::to_string(n) + "-" + std::to_string(i + 1) + "@vorane.example"
-                                      : "y@vorane.example";
+        std::string s_Suivant =
+            i < n ? "chaine" + std::to_string(n) + "-" + std::to_string(i + 1) + "@vorane.example"
+                  : "y@vorane.example";
         s += Liste("chaine" + std::to_string(n) + "-" + std::to_string(i), "LISTE", {s_Suivant});
     }
     return s;
 }
 
-const std::string ENTREES =
-    Boite("x") + Boite("y") + Boite("z") +
-    Liste("a", "LISTE-MU", {"x@vorane.example", "b@vorane.example"}) +
-    Liste("b", "LISTE", {"y@vorane.example", "z@vorane.example"}) +
-    Liste("vide", "LISTE-BR", {}) + Liste("soi", "LISTE-MU", {"soi@vorane.example"}) +
-    Liste("c", "liste-autre", {"X@VORANE.EXAMPLE", "b@vorane.example"}) +
-    Liste("sympa", "SYMPA", {"x@vorane.example"}) + Chaine(LONGUEUR_CHAINE) + Chaine(LONGUEUR_CHAINE + 1);
+const std::string ENTREES = Boite("x") + Boite("y") + Boite("z") +
+                            Liste("a", "LISTE-MU", {"x@vorane.example", "b@vorane.example"}) +
+                            Liste("b", "LISTE", {"y@vorane.example", "z@vorane.example"}) +
+                            Liste("vide", "LISTE-BR", {}) +
+                            Liste("soi", "LISTE-MU", {"soi@vorane.example"}) +
+                            Liste("c", "liste-autre", {"X@VORANE.EXAMPLE", "b@vorane.example"}) +
+                            Liste("sympa", "SYMPA", {"x@vorane.example"}) +
+                            Chaine(LONGUEUR_CHAINE) + Chaine(LONGUEUR_CHAINE + 1);
 
 class Expansion : public ::testing::Test {
   protected:
     static AnnuaireEssai sst_Annuaire;
-    static void SetUpTestSuite() { ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur; }
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur;
+    }
     static void TearDownTestSuite() { ArreteAnnuaire(&sst_Annuaire); }
     void SetUp() override {
         _strncpy(gPc_InfoMessEnCours, INFO, TAILLE_TEXTE);
@@ -111,14 +118,18 @@ TEST_F(Expansion, CasDeListes) {
          {"Dupont@ailleurs.example", "x@vorane.example"}},
         {"toute_remise_LISTE_est_une_liste_mais_pas_SYMPA",
          {"c@vorane.example", "sympa@vorane.example"},
-         {"", "sympa@vorane.example", "X@VORANE.EXAMPLE", "", "y@vorane.example", "z@vorane.example"},
+         {"", "sympa@vorane.example", "X@VORANE.EXAMPLE", "", "y@vorane.example",
+          "z@vorane.example"},
          {"", "sympa@vorane.example", "X@VORANE.EXAMPLE", "y@vorane.example", "z@vorane.example"}},
         {"doublons_a_travers_les_listes",
          {"y@vorane.example", "b@vorane.example", "a@vorane.example", "Y@vorane.example"},
          {"y@vorane.example", "", "", "Y@vorane.example", "y@vorane.example", "z@vorane.example",
           "x@vorane.example", "", "y@vorane.example", "z@vorane.example"},
          {"", "x@vorane.example", "y@vorane.example", "z@vorane.example"}},
-        {"membre_vide_ignore", {"", "x@vorane.example"}, {"", "x@vorane.example"}, {"", "x@vorane.example"}},
+        {"membre_vide_ignore",
+         {"", "x@vorane.example"},
+         {"", "x@vorane.example"},
+         {"", "x@vorane.example"}},
         {"sans_membre", {}, {}, {}},
     };
     for (const Cas &c : t_Cas) {
@@ -137,12 +148,14 @@ TEST_F(Expansion, CasDeListes) {
 TEST_F(Expansion, BudgetDeListesImbriquees) {
     V v_Attendu(LONGUEUR_CHAINE, "");
     v_Attendu.push_back("y@vorane.example");
-    EXPECT_EQ(Explose({"chaine" + std::to_string(LONGUEUR_CHAINE) + "-1@vorane.example"}), v_Attendu);
+    EXPECT_EQ(Explose({"chaine" + std::to_string(LONGUEUR_CHAINE) + "-1@vorane.example"}),
+              v_Attendu);
 
     const std::string s_Message =
         "v1.1.0/3395: Trop de listes dans des listes (>300). " + std::string(INFO);
-    for (const std::string &s_Tete : {"chaine" + std::to_string(LONGUEUR_CHAINE + 1) + "-1@vorane.example",
-                                      std::string("soi@vorane.example")}) {
+    for (const std::string &s_Tete :
+         {"chaine" + std::to_string(LONGUEUR_CHAINE + 1) + "-1@vorane.example",
+          std::string("soi@vorane.example")}) {
         ResultatProcessus r = ExecuteDansEnfant([&] {
             Explose({"x@vorane.example", s_Tete});
             FinProcessus(0);
@@ -157,7 +170,8 @@ TEST_F(Expansion, BudgetDeListesImbriquees) {
 TEST_F(Expansion, MembreTropLongGardeTelQuel) {
     const std::string s_Long = std::string(400, 'b') + "@vorane.example";
     testing::internal::CaptureStderr();
-    EXPECT_EQ(Explose({s_Long, "b@vorane.example"}), (V{s_Long, "", "y@vorane.example", "z@vorane.example"}));
+    EXPECT_EQ(Explose({s_Long, "b@vorane.example"}),
+              (V{s_Long, "", "y@vorane.example", "z@vorane.example"}));
     std::string s_Erreur = testing::internal::GetCapturedStderr();
     EXPECT_EQ(s_Erreur.rfind(" !ERR:4, v1.1.0/3388: ", 0), 0u) << s_Erreur;
 }

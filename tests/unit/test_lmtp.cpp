@@ -21,25 +21,6 @@
 
 namespace {
 
-// Builds a line list from texts.
-Entete *Liste(const std::vector<std::string> &v) {
-    Entete *pet_Tete = nullptr;
-    Entete *pet_Curseur = nullptr;
-    for (const std::string &s : v) {
-        ChargeLigne(&pet_Curseur, s.c_str(), 0);
-        if (pet_Tete == nullptr) pet_Tete = pet_Curseur;
-    }
-    return pet_Tete;
-}
-
-// A body stream holding the bytes.
-FILE *Flux(const std::string &s) {
-    FILE *pf = tmpfile();
-    fwrite(s.data(), 1, s.size(), pf);
-    rewind(pf);
-    return pf;
-}
-
 const std::vector<std::string> ENTETE = {"From: a@b.example\n", "Subject: essai\n", "\n"};
 const std::string ENTETE_TEXTE = "From: a@b.example\nSubject: essai\n\n";
 const std::string CORPS = "Bonjour\nligne 2\n";
@@ -74,16 +55,16 @@ Issue Tente(const std::string &s_Serveur, const Essai &e) {
         std::vector<std::string> v_Lignes = e.v_Entete;
         if (!e.b_Flux) {
             // The body as LitMessage leaves it: pieces of at most 1023 bytes.
-            FILE *pf = Flux(e.s_Corps);
+            FILE *pf = FluxOctets(e.s_Corps);
             char pc[TAILLE_LECTURE];
             while (fgets(pc, sizeof pc, pf) != nullptr) v_Lignes.emplace_back(pc);
             fclose(pf);
         }
-        Entete *pet = Liste(v_Lignes);
+        Entete *pet = ListeLignes(v_Lignes);
         gpet_EnteteMess = pet;
         char *pc_Rapport = e.pc_RapportInitial ? strdup(e.pc_RapportInitial) : nullptr;
         int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, v_B.data(), v_A.data(), e.pc_Suffixe,
-                            pet, e.b_Flux ? Flux(e.s_Corps) : nullptr, &pc_Rapport);
+                            pet, e.b_Flux ? FluxOctets(e.s_Corps) : nullptr, &pc_Rapport);
         std::string s = std::to_string(i) + "|" + (pc_Rapport ? "1" : "0") + "|";
         if (pc_Rapport) s += pc_Rapport;
         return s;
@@ -240,6 +221,12 @@ TEST_F(Lmtp, TransparenceDesDonnees) {
     std::string s_Corps = ".\n..\n.x\n" + ("." + std::string(4999, 'L')) + "\n";
     s_Corps += std::string(1023, 'a') + ".milieu\n";  // second piece starts with "."
     s_Corps += std::string(2046, 'b') + "..\n";       // third piece is ".."
+    // Enough of it, and enough short dot lines, to fill the sender's
+    // segment lists and staging area several times over.
+    std::string s_Motif = s_Corps;
+    for (int i = 0; i < 600; i++) s_Motif += ".l" + std::to_string(i) + "\n";
+    s_Corps.clear();
+    for (int i = 0; i < 40; i++) s_Corps += s_Motif;
     s_Corps += ".\r\nfin sans saut de ligne";
     for (bool b_Flux : {true, false}) {
         ServeurLmtpEssai srv(ScriptNominal(), false);
@@ -424,6 +411,33 @@ TEST_F(Lmtp, FermetureEtBlocage) {
             EXPECT_NE(is.r.s_Erreur.find(std::string(" !ERR:2, ") + c.pc_Message), std::string::npos)
                 << c.pc_Nom << ": " << is.r.s_Erreur;
         }
+    }
+}
+
+// No server to talk to: the error number comes back for a later attempt,
+// and a designation that would have to be cut is refused before any
+// connection.
+TEST_F(Lmtp, ConnexionImpossible) {
+    // A loopback port that nothing listens on any more.
+    std::string s_Ferme;
+    {
+        ServeurLmtpEssai srv({Ferme()}, false);
+        s_Ferme = srv.Designation();
+    }
+    struct Cas {
+        std::string s_Designation;
+        int i_Res;
+    } t[] = {
+        {s_Ferme, ECONNREFUSED},
+        {"/nonexistent/lmtp", ENOENT},
+        {"nonexistent.invalid:24", EHOSTUNREACH},
+        {"127.0.0.1:99999", EINVAL},
+        {"/" + std::string(120, 's'), ENAMETOOLONG},
+    };
+    for (const Cas &c : t) {
+        Issue is = Tente(c.s_Designation, Essai{});
+        EXPECT_EQ(is.r.i_Statut, 0) << c.s_Designation;
+        EXPECT_EQ(is.i_Res, c.i_Res) << c.s_Designation;
     }
 }
 

@@ -8,7 +8,10 @@
 //                       the first number whose files do not exist yet) writes
 //                       appel-<k>.entree (standard input, byte for byte) and
 //                       appel-<k>.argv (every argument, argv[0] included,
-//                       each followed by a NUL byte).
+//                       each followed by a NUL byte), and, once standard
+//                       input has reached its end, appel-<k>.fin (the
+//                       number of bytes read): a command killed before the
+//                       end of its input leaves no .fin file.
 //   CAPTURE_LIMITE      read at most this many bytes, then close standard
 //                       input and exit (a command that stops reading early).
 //   CAPTURE_STATUT      exit status; otherwise the number in the file
@@ -73,6 +76,7 @@ int main(int argc, char **argv) {
     // Standard input, up to its end or the limit.
     char pc[65536];
     long long ll_Total = 0;
+    bool b_FinEntree = false;
     for (;;) {
         std::size_t t_Voulu = sizeof pc;
         if (ll_Limite >= 0) {
@@ -82,12 +86,23 @@ int main(int argc, char **argv) {
         }
         ssize_t n = read(0, pc, t_Voulu);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
+        if (n <= 0) {
+            b_FinEntree = n == 0;
+            break;
+        }
         ll_Total += n;
         if (i_Fd >= 0 && !EcritTout(i_Fd, pc, static_cast<std::size_t>(n))) return 70;
     }
     close(0);
     if (i_Fd >= 0) close(i_Fd);
+    if (i_Fd >= 0 && b_FinEntree) {
+        int i_Fin = open((s_Base + ".fin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        std::string s_Total = std::to_string(ll_Total) + "\n";
+        if (i_Fin >= 0) {
+            EcritTout(i_Fin, s_Total.data(), s_Total.size());
+            close(i_Fin);
+        }
+    }
 
     // Exit status.
     const char *pc_Statut = getenv("CAPTURE_STATUT");
