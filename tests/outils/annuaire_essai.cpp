@@ -7,6 +7,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -207,8 +208,30 @@ void ArreteAnnuaire(AnnuaireEssai *pst) {
     }
 }
 
+// True when every thread of the process is stopped (state "T" in its stat
+// line), so that nothing it already started can still answer.
+static bool ToutesTachesArretees(pid_t i_Pid) {
+    std::string s_Rep = "/proc/" + std::to_string(i_Pid) + "/task";
+    DIR *pd = opendir(s_Rep.c_str());
+    if (pd == nullptr) return false;
+    bool b_Arretees = true;
+    while (dirent *pe = readdir(pd)) {
+        if (pe->d_name[0] == '.') continue;
+        std::ifstream f(s_Rep + "/" + pe->d_name + "/stat");
+        std::string s_Stat;
+        std::getline(f, s_Stat);
+        std::size_t p = s_Stat.rfind(')');
+        if (p == std::string::npos || p + 2 >= s_Stat.size() || s_Stat[p + 2] != 'T') b_Arretees = false;
+    }
+    closedir(pd);
+    return b_Arretees;
+}
+
 void SuspendAnnuaire(const AnnuaireEssai &st) {
-    if (st.i_Pid > 0) kill(st.i_Pid, SIGSTOP);
+    if (st.i_Pid <= 0) return;
+    kill(st.i_Pid, SIGSTOP);
+    // The signal is asynchronous: wait until every thread has stopped.
+    for (int i = 0; i < 200 && !ToutesTachesArretees(st.i_Pid); i++) usleep(5000);
 }
 
 void ReprendAnnuaire(const AnnuaireEssai &st) {
