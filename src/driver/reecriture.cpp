@@ -50,6 +50,15 @@ char *NouvelleLigne(int i_Numero, const char *pc_Format, ...) {
     return pc;
 }
 
+// Replaces control characters by blanks, in place: a name or an address
+// that came from the message or the directory never brings a line break or
+// a carriage return into a header line the program writes (its own folding
+// is added afterwards).
+void EpureControles(char *pc_Texte) {
+    for (unsigned char *pc = reinterpret_cast<unsigned char *>(pc_Texte); *pc != '\0'; pc++)
+        if (*pc < 0x20 || *pc == 0x7f) *pc = ' ';
+}
+
 // Character set named by the first encoded word of the incoming From, or
 // ISO-8859-15.
 void CharsetFrom(char *pc_Charset) {
@@ -121,6 +130,7 @@ void LignesOrigine(AnalyseEmetteur *pst) {
     std::string s_Decore = std::string(pst->pc_MarqueOrigine) + pc_Nom + " (" +
                            pst->pc_LibelleOrigine + pc_Depot + ")";
     _strncpy(pst->Pc_Nom, s_Decore.c_str(), sizeof pst->Pc_Nom);
+    EpureControles(pst->Pc_Nom);
 }
 
 // Rebuilds the From line (steps 5 to 7).
@@ -184,6 +194,8 @@ void LigneTrace(const AnalyseEmetteur *pst, int i_SujetReecrit) {
 
 // Rewrites the working header; see the unit's heading.
 const char *ReecritEntete(const OptionsRemise *pst_Options, AnalyseEmetteur *pst) {
+    EpureControles(pst->Pc_Adresse);
+    EpureControles(pst->Pc_Nom);
     LignesOrigine(pst);
     LigneFrom(pst);
     int i_SujetReecrit = LigneSujet();

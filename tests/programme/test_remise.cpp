@@ -3,6 +3,7 @@
 // the recipient loop's outcomes and the exit status.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <regex>
 #include <string>
 #include <vector>
@@ -213,9 +214,12 @@ TEST_F(Remise, DestinatairesEnErreurEtSuite) {
 // A store that cannot be reached: three attempts, then 75 for Postfix.
 TEST_F(Remise, TroisEssaisPuisNouvelleTentativeParPostfix) {
     std::string s_Hote = "127.0.0.1:" + std::to_string(PortLibre());
+    auto t_Debut = std::chrono::steady_clock::now();
     ResultatProcessus r = Lance(s_Hote, "ext@partenaire.test", {"alice@vorane.example"},
                                 MESSAGE_EXTERNE);
     EXPECT_EQ(r.i_Statut, 75);
+    // Two pauses between the three attempts (1 s each in the test build).
+    EXPECT_GE(std::chrono::steady_clock::now() - t_Debut, std::chrono::seconds(2));
     EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/4549: Trop d'essais Remise_LMTP sur " + s_Hote +
                               ", cr=111. message-id=<essai-1@partenaire.test>, "
                               "from=<ext@partenaire.test>, to=<alice@vorane.example>(-/1)\n"),
@@ -337,6 +341,42 @@ TEST_F(Remise, EntreesMalFormees) {
             EXPECT_TRUE(b_Terminee) << s.substr(0, 40);
         }
     }
+}
+
+}  // namespace
+
+namespace {
+
+// Line breaks and carriage returns hidden in the From (a quoted local part,
+// an encoded word) never split a header line the program writes.
+TEST_F(Remise, AucuneInjectionDEnTete) {
+    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+    std::string s_Message =
+        "From: =?UTF-8?Q?Nom=0ABcc:_victime@x.test=0D?= <\"a\rb\"@partenaire.test>\n"
+        "Subject: essai\n\ncorps\n";
+    ResultatProcessus r = Lance(st_Lmtp.Designation(), "a@partenaire.test",
+                                {"alice@vorane.example"}, s_Message);
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    std::string s_Donnees = DonneesRecues(st_Lmtp.Recu());
+    std::string s_Entete = s_Donnees.substr(0, s_Donnees.find("\n\n") + 1);
+    // Every line the program wrote is a header line or its own folding.
+    std::size_t p = 0;
+    while (p < s_Entete.size()) {
+        std::size_t q = s_Entete.find('\n', p);
+        std::string s_Ligne = s_Entete.substr(p, q - p);
+        EXPECT_TRUE(s_Ligne[0] == '\t' || s_Ligne[0] == ' ' || s_Ligne.find(':') != std::string::npos)
+            << s_Ligne;
+        EXPECT_EQ(s_Ligne.rfind("Bcc:", 0), std::string::npos) << s_Ligne;
+        p = q + 1;
+    }
+    // The rewritten From and Reply-to hold no carriage return (the trace
+    // header keeps the incoming From as it came).
+    ASSERT_EQ(s_Entete.rfind("From: ", 0), 0u) << s_Entete;
+    std::string s_From = s_Entete.substr(0, s_Entete.find("\nX-Remise-Vorane"));
+    EXPECT_EQ(s_From.find('\r'), std::string::npos) << s_From;
+    std::string s_Reponse = s_Entete.substr(s_Entete.find("\nReply-to: "));
+    s_Reponse = s_Reponse.substr(0, s_Reponse.find("\nSubject"));
+    EXPECT_EQ(s_Reponse, "\nReply-to: \"Nom victime@x.test \"\n\t<\"a b\"@partenaire.test>");
 }
 
 }  // namespace
