@@ -60,13 +60,14 @@ std::string NouvelId() {
 }
 
 // A message as Postfix hands it over (flag R: Return-Path first), from the
-// external sender through an internet relay.
+// external sender through an internet relay.  An empty id gives an empty
+// Message-ID field.
 std::string Message(const std::string &s_Id, const std::string &s_Sujet, const std::string &s_Corps,
                     const std::string &s_EnPlus = "") {
     return "Return-Path: <" + EMETTEUR + ">\n"
            "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
            "Date: Sun, 22 Nov 2026 10:00:00 +0100\n"
-           "Message-ID: <" + s_Id + ">\n"
+           "Message-ID:" + (s_Id.empty() ? "" : " <" + s_Id + ">") + "\n"
            "From: Jean Dupont <" + EMETTEUR + ">\n"
            "To: destinataires@vorane.example\n"
            "Subject: " + s_Sujet + "\n" + s_EnPlus + "\n" + s_Corps;
@@ -130,10 +131,12 @@ protected:
         ArreteAnnuaire(&sst_Annuaire);
     }
 
-    // Runs the program as Postfix's pipe transport does.
+    // Runs the program as Postfix's pipe transport does, towards the
+    // suite's store or the one given.
     ResultatProcessus Lance(const std::vector<std::string> &v_Dest, const std::string &s_Message,
-                            const std::vector<std::string> &v_Options = {}) {
-        std::vector<std::string> v = {PROG, "-r", sst_Cyrus.s_Socket, "-l", sst_Annuaire.s_Hote};
+                            const std::vector<std::string> &v_Options = {},
+                            const CyrusEssai *pst_Cyrus = &sst_Cyrus) {
+        std::vector<std::string> v = {PROG, "-r", pst_Cyrus->s_Socket, "-l", sst_Annuaire.s_Hote};
         v.insert(v.end(), v_Options.begin(), v_Options.end());
         v.insert(v.end(), {"-e", EMETTEUR, "-d"});
         v.insert(v.end(), v_Dest.begin(), v_Dest.end());
@@ -196,23 +199,40 @@ TEST_F(Cyrus, CorpsPointsIntacts) {
 }
 
 // An 8-bit Subject is encoded by the program, so the store keeps it intact
-// (it decodes back to the original bytes); the original stays in the trace
-// header, where Cyrus's default replaces every 8-bit byte by "X".
+// (it decodes back to the original bytes).  The original stays in the trace
+// header as raw bytes: a store left at Cyrus's default replaces each 8-bit
+// byte there by "X"; one told to keep 8-bit headers stores them unchanged.
 TEST_F(Cyrus, Sujet8bitsEncode) {
+    CyrusEssai st_Garde8bits;
+    OptionsCyrus st_Options;
+    st_Options.b_Garde8bits = true;
+    ASSERT_TRUE(DemarreCyrus(&st_Garde8bits, st_Options)) << st_Garde8bits.s_Erreur;
+    ASSERT_TRUE(CreeBoites(&st_Garde8bits, {"bob"})) << st_Garde8bits.s_Erreur;
+
     const std::string s_Original = "caf\xe9 cr\xe8me br\xfbl\xe9" "e";
-    std::string s_Id = NouvelId();
-    ResultatProcessus r = Lance({"bob@vorane.example"}, Message(s_Id, s_Original, "corps\n"));
-    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    ASSERT_EQ(Nombre("bob"), 1u);
-    MessageStocke st = DecoupeMessage(Dernier("bob"));
-    std::string s_Sujet = ValeurChamp(st.s_Entete, "Subject");
-    EXPECT_EQ(s_Sujet, "=?iso8859-15?Q?caf=E9_cr=E8me_br=FBl=E9e?=");
-    char Pc_Decode[TAILLE_TEXTE];
-    DecodeQP(s_Sujet.c_str(), "ISO-8859-15", Pc_Decode, sizeof Pc_Decode);
-    EXPECT_EQ(std::string(Pc_Decode), s_Original);
-    EXPECT_NE(st.s_Entete.find("\t+ sujet original: cafX crXme brXlXe\n"), std::string::npos)
-        << st.s_Entete;
-    EXPECT_EQ(st.s_Corps, "corps\n\n");
+    struct Cas {
+        CyrusEssai *pst;
+        std::string s_TraceStockee;
+    };
+    const Cas tst_Cas[] = {{&sst_Cyrus, "cafX crXme brXlXe"}, {&st_Garde8bits, s_Original}};
+    for (const Cas &c : tst_Cas) {
+        SCOPED_TRACE(c.pst == &sst_Cyrus ? "munge8bit" : "8 bits kept");
+        ResultatProcessus r = Lance({"bob@vorane.example"}, Message(NouvelId(), s_Original, "corps\n"),
+                                    {}, c.pst);
+        ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        std::vector<std::string> v = MessagesStockes(*c.pst, "bob");
+        ASSERT_EQ(v.size(), 1u);
+        MessageStocke st = DecoupeMessage(v[0]);
+        std::string s_Sujet = ValeurChamp(st.s_Entete, "Subject");
+        EXPECT_EQ(s_Sujet, "=?iso8859-15?Q?caf=E9_cr=E8me_br=FBl=E9e?=");
+        char Pc_Decode[TAILLE_TEXTE];
+        DecodeQP(s_Sujet.c_str(), "ISO-8859-15", Pc_Decode, sizeof Pc_Decode);
+        EXPECT_EQ(std::string(Pc_Decode), s_Original);
+        EXPECT_NE(st.s_Entete.find("\t+ sujet original: " + c.s_TraceStockee + "\n"), std::string::npos)
+            << st.s_Entete;
+        EXPECT_EQ(st.s_Corps, "corps\n\n");
+    }
+    ArreteCyrus(&st_Garde8bits);
 }
 
 // A 10 MB body with dot lines and 8-bit bytes streams through whole.
@@ -338,6 +358,42 @@ TEST_F(Cyrus, SuffixeSpam) {
     EXPECT_EQ(Nombre("julie.Spam"), 1u);
     EXPECT_EQ(DecoupeMessage(Dernier("julie")).s_Corps, "bonjour\n\n");
     EXPECT_EQ(Nombre("julie"), 1u);
+}
+
+// Messages that lmtpd refuses for their content after the data ("554
+// 5.6.0"): a header line without a colon (a sender can write one; Postfix
+// passes it on), an empty Message-ID, a bare CR in a header field, a NUL
+// byte in the body.  Nothing is stored, the run ends with 0 (the refusal is
+// final, a retry would get it again), and the refusal is on standard error
+// as the end-of-data warning and in the report for the sender.
+TEST_F(Cyrus, RefusDuContenu) {
+    struct Cas {
+        const char *pc_Nom;
+        std::string s_Id, s_EnPlus, s_Corps, s_Reponse;
+    };
+    const Cas tst_Cas[] = {
+        {"ligne sans deux-points", NouvelId(), "Ceci n'est pas un champ\n", "corps\n", "invalid header"},
+        {"Message-ID vide", "", "", "corps\n", "invalid header"},
+        {"CR seul", NouvelId(), "X-Essai: a\rb\n", "corps\n", "invalid header"},
+        {"NUL dans le corps", NouvelId(), "", std::string("cor\0ps\n", 7), "NUL characters"},
+    };
+    for (const Cas &c : tst_Cas) {
+        SCOPED_TRACE(c.pc_Nom);
+        std::size_t n = Nombre("alice");
+        ResultatProcessus r = Lance({"alice@vorane.example"},
+                                    Message(c.s_Id, "refus", c.s_Corps, c.s_EnPlus));
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(Nombre("alice"), n);
+        const std::string s_Reponse = "554 5.6.0 Message contains " + c.s_Reponse + "\r\n";
+        EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/1551: Message non remis, reponse <" + s_Reponse +
+                                  "> en fin de DATA. "),
+                  std::string::npos)
+            << r.s_Erreur;
+        EXPECT_NE(r.s_Erreur.find("La reponse du serveur en fin de DATA est:\n\n" + s_Reponse +
+                                  ". message-id="),
+                  std::string::npos)
+            << r.s_Erreur;
+    }
 }
 
 }  // namespace
