@@ -256,49 +256,86 @@ bool AttendCyrus(CyrusEssai *pst) {
     return false;
 }
 
-// Stops the master: SIGTERM, then its whole process group by SIGKILL if
-// it has not ended in time.
+// Stops the instance: SIGTERM to the guardian, which passes it on to the
+// master and waits for it; SIGKILL to the whole process group if that takes
+// too long.
 void ArreteMaster(CyrusEssai *pst) {
     if (pst->i_Pid <= 0) return;
     kill(pst->i_Pid, SIGTERM);
     auto t_Fin = std::chrono::steady_clock::now() + ATTENTE_ARRET;
     for (;;) {
-        pid_t r = waitpid(pst->i_Pid, nullptr, WNOHANG);
-        if (r == pst->i_Pid || (r < 0 && errno != EINTR)) break;
-        if (std::chrono::steady_clock::now() > t_Fin) {
-            kill(-pst->i_Pid, SIGKILL);
-            waitpid(pst->i_Pid, nullptr, 0);
-            break;
-        }
+        // Seen ended but not reaped yet, the guardian's pid still names
+        // its process group.
+        siginfo_t st_Info{};
+        int r = waitid(P_PID, static_cast<id_t>(pst->i_Pid), &st_Info, WEXITED | WNOHANG | WNOWAIT);
+        if ((r == 0 && st_Info.si_pid == pst->i_Pid) || (r < 0 && errno != EINTR)) break;
+        if (std::chrono::steady_clock::now() > t_Fin) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    kill(-pst->i_Pid, SIGKILL);  // whatever of the instance is still there
+    while (waitpid(pst->i_Pid, nullptr, 0) < 0 && errno == EINTR) {
     }
     pst->i_Pid = 0;
 }
 
-// Starts the master in its own process group, its output into the log.
+// The master's pid, in the guardian process.
+volatile pid_t s_PidMaster = 0;
+
+// Guardian's SIGTERM handler: passes the signal on to the master.
+void TransmetArret(int) {
+    if (s_PidMaster > 0) kill(s_PidMaster, SIGTERM);
+}
+
+// Starts the master under a guardian process, in a process group of their
+// own, the master's output into files of the directory.  The guardian stays
+// root, so its parent-death signal holds (the master switches to the cyrus
+// user, which clears its own): when the test process dies, the guardian
+// gets SIGTERM and passes it on.  Returns the guardian's pid, which ends
+// when the master ends.
 pid_t LanceMaster(const std::string &D) {
     const std::string s_Conf = D + "/imapd.conf", s_Services = D + "/cyrus.conf";
     const std::string s_Pid = D + "/master.pid", s_Log = D + "/master.log";
     const std::string s_Sortie = D + "/master.out";
+    pid_t pid_Parent = getpid();
     pid_t pid = fork();
     if (pid != 0) return pid;
+
+    // The guardian.
     setpgid(0, 0);
+    sigset_t m_Term, m_Vide;
+    sigemptyset(&m_Term);
+    sigaddset(&m_Term, SIGTERM);
+    sigemptyset(&m_Vide);
+    sigprocmask(SIG_SETMASK, &m_Term, nullptr);
+    struct sigaction st_Action {};
+    st_Action.sa_handler = TransmetArret;
+    sigaction(SIGTERM, &st_Action, nullptr);
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    int i_Fd = open(s_Sortie.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (i_Fd >= 0) {
-        dup2(i_Fd, 1);
-        dup2(i_Fd, 2);
+    if (getppid() != pid_Parent) _exit(1);  // the test process is already gone
+    pid_t pid_Master = fork();
+    if (pid_Master < 0) _exit(1);
+    if (pid_Master == 0) {
+        int i_Fd = open(s_Sortie.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (i_Fd >= 0) {
+            dup2(i_Fd, 1);
+            dup2(i_Fd, 2);
+        }
+        int i_Nul = open("/dev/null", O_RDONLY);
+        if (i_Nul >= 0) dup2(i_Nul, 0);
+        signal(SIGTERM, SIG_DFL);
+        signal(SIGPIPE, SIG_DFL);
+        signal(SIGALRM, SIG_DFL);
+        sigprocmask(SIG_SETMASK, &m_Vide, nullptr);
+        execl(MASTER, MASTER, "-C", s_Conf.c_str(), "-M", s_Services.c_str(), "-p", s_Pid.c_str(),
+              "-L", s_Log.c_str(), static_cast<char *>(nullptr));
+        _exit(127);
     }
-    int i_Nul = open("/dev/null", O_RDONLY);
-    if (i_Nul >= 0) dup2(i_Nul, 0);
-    signal(SIGPIPE, SIG_DFL);
-    signal(SIGALRM, SIG_DFL);
-    sigset_t m;
-    sigemptyset(&m);
-    sigprocmask(SIG_SETMASK, &m, nullptr);
-    execl(MASTER, MASTER, "-C", s_Conf.c_str(), "-M", s_Services.c_str(), "-p", s_Pid.c_str(),
-          "-L", s_Log.c_str(), static_cast<char *>(nullptr));
-    _exit(127);
+    s_PidMaster = pid_Master;
+    sigprocmask(SIG_SETMASK, &m_Vide, nullptr);
+    int i_Etat = 0;
+    while (waitpid(pid_Master, &i_Etat, 0) < 0 && errno == EINTR) {
+    }
+    _exit(WIFEXITED(i_Etat) ? WEXITSTATUS(i_Etat) : 1);
 }
 
 // What the master said about itself, for an error text.

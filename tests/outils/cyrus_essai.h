@@ -29,7 +29,8 @@
 //
 // ArreteCyrus sends SIGTERM to the master (it stops its services, about a
 // second), SIGKILL to its process group if it lingers, and removes the
-// directory.  The master also gets SIGTERM when the test process dies.
+// directory.  The master also gets SIGTERM when the test process dies (a
+// small guardian process that stays root passes it on).
 #pragma once
 
 #include <string>
@@ -46,7 +47,7 @@ struct CyrusEssai {
     std::string s_Conf;        // its imapd.conf
     std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
     int i_PortImap = 0;        // administration only
-    pid_t i_Pid = 0;           // the master
+    pid_t i_Pid = 0;           // the master's guardian (see ArreteCyrus)
     std::string s_Erreur;      // why the last operation failed
 };
 

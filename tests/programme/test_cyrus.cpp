@@ -204,6 +204,10 @@ TEST_F(Cyrus, CorpsPointsIntacts) {
 // byte there by "X"; one told to keep 8-bit headers stores them unchanged.
 TEST_F(Cyrus, Sujet8bitsEncode) {
     CyrusEssai st_Garde8bits;
+    struct Arret {
+        CyrusEssai *pst;
+        ~Arret() { ArreteCyrus(pst); }
+    } st_Arret{&st_Garde8bits};
     OptionsCyrus st_Options;
     st_Options.b_Garde8bits = true;
     ASSERT_TRUE(DemarreCyrus(&st_Garde8bits, st_Options)) << st_Garde8bits.s_Erreur;
@@ -232,7 +236,6 @@ TEST_F(Cyrus, Sujet8bitsEncode) {
             << st.s_Entete;
         EXPECT_EQ(st.s_Corps, "corps\n\n");
     }
-    ArreteCyrus(&st_Garde8bits);
 }
 
 // A 10 MB body with dot lines and 8-bit bytes streams through whole.
@@ -312,10 +315,15 @@ TEST_F(Cyrus, BoiteInconnueParmiDautres) {
                   ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/3)\n"),
               std::string::npos)
         << r.s_Erreur;
-    EXPECT_EQ(FichiersCommencantPar(std::string(RACINE_SPOOL_ESSAI) + "Erreurs",
-                                    "ATT.remise." + std::to_string(r.i_Pid) + ".")
-                  .size(),
-              1u);
+    // One warning dump, for this message (an old dump may share the pid).
+    int i_Dumps = 0;
+    for (const std::string &s : FichiersCommencantPar(std::string(RACINE_SPOOL_ESSAI) + "Erreurs",
+                                                      "ATT.remise." + std::to_string(r.i_Pid) + ".")) {
+        std::string s_Dump = LitFichier(s);
+        i_Dumps += s_Dump.find("v1.1.0/4545: ") != std::string::npos &&
+                   s_Dump.find("O>Message-ID: <" + s_Id + ">\n") != std::string::npos;
+    }
+    EXPECT_EQ(i_Dumps, 1);
 }
 
 // A mailbox over its quota refuses at the recipient command with 452: the
