@@ -135,10 +135,11 @@ protected:
     // suite's store or the one given.
     ResultatProcessus Lance(const std::vector<std::string> &v_Dest, const std::string &s_Message,
                             const std::vector<std::string> &v_Options = {},
-                            const CyrusEssai *pst_Cyrus = &sst_Cyrus) {
+                            const CyrusEssai *pst_Cyrus = &sst_Cyrus,
+                            const std::string &s_Emetteur = EMETTEUR) {
         std::vector<std::string> v = {PROG, "-r", pst_Cyrus->s_Socket, "-l", sst_Annuaire.s_Hote};
         v.insert(v.end(), v_Options.begin(), v_Options.end());
-        v.insert(v.end(), {"-e", EMETTEUR, "-d"});
+        v.insert(v.end(), {"-e", s_Emetteur, "-d"});
         v.insert(v.end(), v_Dest.begin(), v_Dest.end());
         return LanceProgramme(v, s_Message, 60);
     }
@@ -399,6 +400,29 @@ TEST_F(Cyrus, RefusDuContenu) {
             << r.s_Erreur;
         EXPECT_NE(r.s_Erreur.find("La reponse du serveur en fin de DATA est:\n\n" + s_Reponse +
                                   ". message-id="),
+                  std::string::npos)
+            << r.s_Erreur;
+    }
+}
+
+// Envelope senders that lmtpd refuses at "mail from:" with "501 5.5.4
+// Syntax error in parameters": an internationalised (UTF-8) local part, as
+// an SMTPUTF8 sender has, and an unquoted blank.  The refusal is final: no
+// delivery, status 0, and the report for the sender names the address.
+TEST_F(Cyrus, EmetteurRefuse) {
+    for (const std::string &s_Emetteur : {std::string("j\xc3\xa9r\xc3\xb4me@partenaire.test"),
+                                          std::string("jean dupont@partenaire.test")}) {
+        SCOPED_TRACE(s_Emetteur);
+        std::size_t n = Nombre("alice");
+        std::string s_Id = NouvelId();
+        ResultatProcessus r = Lance({"alice@vorane.example"}, Message(s_Id, "emetteur", "corps\n"), {},
+                                    &sst_Cyrus, s_Emetteur);
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(Nombre("alice"), n);
+        EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non "
+                                  "envoye: Message rejet\xe9, adresse SMTP d'\xe9mission <" +
+                                  s_Emetteur + "> non valable. message-id=<" + s_Id + ">, from=<" +
+                                  s_Emetteur + ">, to=<alice@vorane.example>(-/1)\n"),
                   std::string::npos)
             << r.s_Erreur;
     }
