@@ -52,7 +52,7 @@ std::string Entrees() {
     return s;
 }
 
-// A Message-ID no earlier run used.
+// A Message-ID unique within this test process (each has its own store).
 std::string NouvelId() {
     static int si_Compteur = 0;
     return "cyrus-" + std::to_string(getpid()) + "-" + std::to_string(++si_Compteur) +
