@@ -1,0 +1,431 @@
+// The whole program as Postfix runs it, delivering into a real Cyrus lmtpd
+// over its Unix socket, with a real slapd as the directory.  Each test reads
+// the message back from the mailbox files to prove it arrived whole, once,
+// in the right mailbox, or that the store's refusal reached standard error.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "annuaire_essai.h"
+#include "codec/codec.h"
+#include "message/message.h"
+#include "cyrus_essai.h"
+#include "processus.h"
+
+namespace {
+
+const std::string PROG = CHEMIN_REMISE_VORANE_ESSAI;
+const std::string EMETTEUR = "ext@partenaire.test";
+
+// A mailbox entry of the directory (uid = mailbox name).
+std::string Boite(const std::string &s_Uid, const std::string &s_Remise = "LMTP") {
+    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
+                                      "uid: " + s_Uid + "\ncn: " + s_Uid + "\nsn: " + s_Uid +
+                                          "\nmail: " + s_Uid + "@vorane.example\n"
+                                          "ravokVixRemise: " + s_Remise + "\n");
+}
+
+// Mailboxes of the store, one set per test so that counts stay readable.
+const std::vector<std::string> BOITES = {"alice", "bob",    "carole", "dave",  "eve",  "franck",
+                                         "gilles", "helene", "ines",   "plein", "julie"};
+// More mailboxes for one transaction whose final replies exceed one read.
+std::vector<std::string> Nombreuses() {
+    std::vector<std::string> v;
+    for (int i = 1; i <= 20; i++) v.push_back("m" + std::to_string(100 + i));
+    return v;
+}
+
+// The directory: every mailbox, one LMTP entry without a mailbox in the
+// store, and the external sender.
+std::string Entrees() {
+    std::string s;
+    for (const std::string &b : BOITES) s += Boite(b);
+    for (const std::string &b : Nombreuses()) s += Boite(b);
+    s += Boite("fantome");
+    s += EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
+                               "mail: ext@partenaire.test\n");
+    return s;
+}
+
+// A Message-ID unique within this test process (each has its own store).
+std::string NouvelId() {
+    static int si_Compteur = 0;
+    return "cyrus-" + std::to_string(getpid()) + "-" + std::to_string(++si_Compteur) +
+           "@partenaire.test";
+}
+
+// A message as Postfix hands it over (flag R: Return-Path first), from the
+// external sender through an internet relay.  An empty id gives an empty
+// Message-ID field.
+std::string Message(const std::string &s_Id, const std::string &s_Sujet, const std::string &s_Corps,
+                    const std::string &s_EnPlus = "") {
+    return "Return-Path: <" + EMETTEUR + ">\n"
+           "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+           "Date: Sun, 22 Nov 2026 10:00:00 +0100\n"
+           "Message-ID:" + (s_Id.empty() ? "" : " <" + s_Id + ">") + "\n"
+           "From: Jean Dupont <" + EMETTEUR + ">\n"
+           "To: destinataires@vorane.example\n"
+           "Subject: " + s_Sujet + "\n" + s_EnPlus + "\n" + s_Corps;
+}
+
+// The header the program hands to the store for Message(): the trace
+// header, the origin line and the rebuilt From and Reply-to (the date of
+// the trace header as "<date>").
+std::string EnteteLivre(const std::string &s_Id, const std::string &s_Sujet) {
+    return "X-Remise-Vorane: v1.1.0; le <date>;\n"
+           "\t+ mdf=0; lda=1; ea=1; eab=0; fdv=0;\n"
+           "\t+ from original: Jean Dupont <ext@partenaire.test>\n"
+           "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+           "Date: Sun, 22 Nov 2026 10:00:00 +0100\n"
+           "Message-ID: <" + s_Id + ">\n"
+           "From: \"> Jean Externe (par Internet)\"\n\t<ext@partenaire.test>\n"
+           "X-ravokOrigine: par Internet\n"
+           "Reply-to: \"Jean Externe\"\n\t<ext@partenaire.test>\n"
+           "To: destinataires@vorane.example\n"
+           "Subject: " + s_Sujet + "\n";
+}
+
+// Replaces the date of the trace header by "<date>" after checking its form.
+std::string SansDate(const std::string &s) {
+    static const std::regex r(
+        "v1\\.1\\.0; le [0-3][0-9]/[01][0-9]/20[0-9][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9];");
+    return std::regex_replace(s, r, "v1.1.0; le <date>;");
+}
+
+// Where two long texts first differ ("" when equal): a 10 MB comparison
+// must not print 10 MB.
+std::string Difference(const std::string &a, const std::string &b) {
+    if (a == b) return "";
+    std::size_t i = std::mismatch(a.begin(), a.begin() + std::min(a.size(), b.size()), b.begin()).first -
+                    a.begin();
+    auto Extrait = [&](const std::string &s) {
+        std::size_t d = i < 40 ? 0 : i - 40;
+        return "\"" + s.substr(d, 80) + "\"";
+    };
+    return "sizes " + std::to_string(a.size()) + " / " + std::to_string(b.size()) +
+           ", first difference at byte " + std::to_string(i) + ": " + Extrait(a) + " / " +
+           Extrait(b);
+}
+
+class Cyrus : public ::testing::Test {
+protected:
+    static AnnuaireEssai sst_Annuaire;
+    static CyrusEssai sst_Cyrus;
+
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, Entrees())) << sst_Annuaire.s_Erreur;
+        ASSERT_TRUE(DemarreCyrus(&sst_Cyrus)) << sst_Cyrus.s_Erreur;
+        std::vector<std::string> v = BOITES;
+        for (const std::string &b : Nombreuses()) v.push_back(b);
+        v.push_back("julie.Spam");
+        ASSERT_TRUE(CreeBoites(&sst_Cyrus, v)) << sst_Cyrus.s_Erreur;
+        ASSERT_TRUE(AutorisePost(&sst_Cyrus, "julie.Spam")) << sst_Cyrus.s_Erreur;
+    }
+    static void TearDownTestSuite() {
+        ArreteCyrus(&sst_Cyrus);
+        ArreteAnnuaire(&sst_Annuaire);
+    }
+
+    // Runs the program as Postfix's pipe transport does, towards the
+    // suite's store or the one given.
+    ResultatProcessus Lance(const std::vector<std::string> &v_Dest, const std::string &s_Message,
+                            const std::vector<std::string> &v_Options = {},
+                            const CyrusEssai *pst_Cyrus = &sst_Cyrus,
+                            const std::string &s_Emetteur = EMETTEUR) {
+        std::vector<std::string> v = {PROG, "-r", pst_Cyrus->s_Socket, "-l", sst_Annuaire.s_Hote};
+        v.insert(v.end(), v_Options.begin(), v_Options.end());
+        v.insert(v.end(), {"-e", s_Emetteur, "-d"});
+        v.insert(v.end(), v_Dest.begin(), v_Dest.end());
+        return LanceProgramme(v, s_Message, 60);
+    }
+
+    // Number of messages stored in a mailbox.
+    static std::size_t Nombre(const std::string &s_Boite) {
+        return MessagesStockes(sst_Cyrus, s_Boite).size();
+    }
+    // The newest message of a mailbox ("" when it has none).
+    static std::string Dernier(const std::string &s_Boite) {
+        std::vector<std::string> v = MessagesStockes(sst_Cyrus, s_Boite);
+        return v.empty() ? "" : v.back();
+    }
+};
+AnnuaireEssai Cyrus::sst_Annuaire;
+CyrusEssai Cyrus::sst_Cyrus;
+
+// Bodies that an unstuffed or badly stuffed data phase would cut short or
+// alter: lines ".", "..", ".x", a "." line last, no final line feed, no
+// body at all, and dot lines around every offset where the body is read in
+// pieces.  Each arrives byte for byte behind the rewritten header.
+TEST_F(Cyrus, CorpsPointsIntacts) {
+    std::string s_Pieces;
+    const char *tpc_Lignes[] = {".\n", "..\n", ".x\n", "...\n"};
+    for (int i = 0; s_Pieces.size() < 140000; i++) s_Pieces += tpc_Lignes[i % 4];
+    struct Cas {
+        const char *pc_Nom;
+        std::string s_Corps;
+    };
+    const Cas tst_Cas[] = {
+        {"points", "premiere ligne\n.\n..\n.x\n...\n x.\n. \n\n.\n"},
+        {"sans saut final", "ligne\n.fin"},
+        {"corps vide", ""},
+        {"point en tete", ".\nsuite\n"},
+        {"morceaux", s_Pieces},
+    };
+    for (const Cas &c : tst_Cas) {
+        SCOPED_TRACE(c.pc_Nom);
+        std::size_t n = Nombre("alice");
+        std::string s_Id = NouvelId();
+        ResultatProcessus r = Lance({"alice@vorane.example"}, Message(s_Id, "points", c.s_Corps));
+        ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        ASSERT_EQ(Nombre("alice"), n + 1);
+        std::string s_Stocke = SansCr(Dernier("alice"));
+        // Cyrus's own trace lines come first, with its Return-Path from the
+        // envelope; the program's Return-Path line is not sent.
+        EXPECT_EQ(s_Stocke.compare(0, 35, "Return-Path: <ext@partenaire.test>\n"), 0) << s_Stocke;
+        std::size_t p = s_Stocke.find("X-Remise-Vorane: ");
+        ASSERT_NE(p, std::string::npos) << s_Stocke;
+        std::string s_Cyrus = s_Stocke.substr(0, p);
+        EXPECT_EQ(s_Cyrus.find("Return-Path:", 1), std::string::npos) << s_Cyrus;
+        std::string s_Livre = SansDate(s_Stocke.substr(p));
+        // The end of data's own line feed ends a last line without one, or
+        // adds an empty line.
+        std::string s_Attendu = EnteteLivre(s_Id, "points") + "\n" + c.s_Corps + "\n";
+        EXPECT_EQ(Difference(s_Livre, s_Attendu), "");
+    }
+}
+
+// An 8-bit Subject is encoded by the program, so the store keeps it intact
+// (it decodes back to the original bytes).  The original stays in the trace
+// header as raw bytes: a store left at Cyrus's default replaces each 8-bit
+// byte there by "X"; one told to keep 8-bit headers stores them unchanged.
+TEST_F(Cyrus, Sujet8bitsEncode) {
+    CyrusEssai st_Garde8bits;
+    struct Arret {
+        CyrusEssai *pst;
+        ~Arret() { ArreteCyrus(pst); }
+    } st_Arret{&st_Garde8bits};
+    OptionsCyrus st_Options;
+    st_Options.b_Garde8bits = true;
+    ASSERT_TRUE(DemarreCyrus(&st_Garde8bits, st_Options)) << st_Garde8bits.s_Erreur;
+    ASSERT_TRUE(CreeBoites(&st_Garde8bits, {"bob"})) << st_Garde8bits.s_Erreur;
+
+    const std::string s_Original = "caf\xe9 cr\xe8me br\xfbl\xe9" "e";
+    struct Cas {
+        CyrusEssai *pst;
+        std::string s_TraceStockee;
+    };
+    const Cas tst_Cas[] = {{&sst_Cyrus, "cafX crXme brXlXe"}, {&st_Garde8bits, s_Original}};
+    for (const Cas &c : tst_Cas) {
+        SCOPED_TRACE(c.pst == &sst_Cyrus ? "munge8bit" : "8 bits kept");
+        ResultatProcessus r = Lance({"bob@vorane.example"}, Message(NouvelId(), s_Original, "corps\n"),
+                                    {}, c.pst);
+        ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        std::vector<std::string> v = MessagesStockes(*c.pst, "bob");
+        ASSERT_EQ(v.size(), 1u);
+        MessageStocke st = DecoupeMessage(v[0]);
+        std::string s_Sujet = ValeurChamp(st.s_Entete, "Subject");
+        EXPECT_EQ(s_Sujet, "=?iso8859-15?Q?caf=E9_cr=E8me_br=FBl=E9e?=");
+        char Pc_Decode[TAILLE_TEXTE];
+        DecodeQP(s_Sujet.c_str(), "ISO-8859-15", Pc_Decode, sizeof Pc_Decode);
+        EXPECT_EQ(std::string(Pc_Decode), s_Original);
+        EXPECT_NE(st.s_Entete.find("\t+ sujet original: " + c.s_TraceStockee + "\n"), std::string::npos)
+            << st.s_Entete;
+        EXPECT_EQ(st.s_Corps, "corps\n\n");
+    }
+}
+
+// A 10 MB body with dot lines and 8-bit bytes streams through whole.
+TEST_F(Cyrus, CorpsDixMegaoctets) {
+    std::string s_Corps;
+    s_Corps.reserve(10 * 1024 * 1024 + 300);
+    unsigned int u = 12345;
+    while (s_Corps.size() < 10u * 1024 * 1024) {
+        u = u * 1103515245u + 12345u;
+        std::size_t t_Long = (u >> 16) % 200;
+        std::string s_Ligne = (u & 7) == 0 ? "." : (u & 7) == 1 ? ".." : "";
+        for (std::size_t i = s_Ligne.size(); i < t_Long; i++)
+            s_Ligne += static_cast<char>(i % 97 == 5 ? '\xe9' : 'a' + (i + u) % 26);
+        s_Corps += s_Ligne + "\n";
+    }
+    std::string s_Id = NouvelId();
+    ResultatProcessus r = Lance({"carole@vorane.example"}, Message(s_Id, "gros", s_Corps));
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    ASSERT_EQ(Nombre("carole"), 1u);
+    MessageStocke st = DecoupeMessage(Dernier("carole"));
+    EXPECT_EQ(ValeurChamp(st.s_Entete, "Message-ID"), "<" + s_Id + ">");
+    EXPECT_EQ(Difference(st.s_Corps, s_Corps + "\n"), "");
+}
+
+// Three mailbox recipients in one run: one message in each of the three
+// mailboxes, the same one, and a delivery marker for each.
+TEST_F(Cyrus, TroisBoites) {
+    std::string s_Id = NouvelId();
+    ResultatProcessus r = Lance({"dave@vorane.example", "Eve@Vorane.Example", "franck@vorane.example"},
+                                Message(s_Id, "trois", "pour trois\n"));
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(r.s_Erreur, "remise-vorane[" + std::to_string(r.i_Pid) + "]: message-id=<" + s_Id +
+                              ">, from=<ext@partenaire.test>, to=<->(-/3)\n");
+    std::string s_Premier;
+    for (const char *pc : {"dave", "eve", "franck"}) {
+        SCOPED_TRACE(pc);
+        std::vector<std::string> v = MessagesStockes(sst_Cyrus, pc);
+        ASSERT_EQ(v.size(), 1u);
+        std::string s_Livre = SansDate(SansCr(v[0]));
+        s_Livre = s_Livre.substr(s_Livre.find("X-Remise-Vorane: "));
+        EXPECT_EQ(s_Livre, EnteteLivre(s_Id, "trois") + "\npour trois\n\n");
+        EXPECT_TRUE(std::filesystem::exists(std::string(RACINE_SPOOL_ESSAI) + "Remises/" + pc));
+    }
+}
+
+// Twenty recipients in one transaction: lmtpd's final replies (one line per
+// recipient) no longer fit in one read; every mailbox still gets exactly one
+// copy and the run ends with 0.
+TEST_F(Cyrus, VingtBoitesUneTransaction) {
+    std::vector<std::string> v_Dest;
+    for (const std::string &b : Nombreuses()) v_Dest.push_back(b + "@vorane.example");
+    ResultatProcessus r = Lance(v_Dest, Message(NouvelId(), "vingt", "corps\n"));
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(r.s_Erreur.find("!ERR"), std::string::npos) << r.s_Erreur;
+    for (const std::string &b : Nombreuses()) EXPECT_EQ(Nombre(b), 1u) << b;
+}
+
+// A recipient whose mailbox the store does not know, among two it knows:
+// the two are delivered, the run ends with 0, and lmtpd's refusal (its
+// three-line 550 reply, as received) is on standard error in the level-4
+// report.
+TEST_F(Cyrus, BoiteInconnueParmiDautres) {
+    std::string s_Id = NouvelId();
+    ResultatProcessus r =
+        Lance({"gilles@vorane.example", "fantome@vorane.example", "helene@vorane.example"},
+              Message(s_Id, "inconnue", "corps\n"));
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(Nombre("gilles"), 1u);
+    EXPECT_EQ(Nombre("helene"), 1u);
+    EXPECT_NE(r.s_Erreur.find(
+                  " !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: "
+                  "Les destinataires suivants n'ont pas recu votre message:\n\n"
+                  "Destinataire <fantome@vorane.example>, r\xe9ponse du serveur :\n"
+                  "550-Mailbox unknown.  Either there is no mailbox associated with this\r\n"
+                  "550-name or you do not have authorization to see it.\r\n"
+                  "550 5.1.1 User unknown\r\n\n"
+                  ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/3)\n"),
+              std::string::npos)
+        << r.s_Erreur;
+    // One warning dump, for this message (an old dump may share the pid).
+    int i_Dumps = 0;
+    for (const std::string &s : FichiersCommencantPar(std::string(RACINE_SPOOL_ESSAI) + "Erreurs",
+                                                      "ATT.remise." + std::to_string(r.i_Pid) + ".")) {
+        std::string s_Dump = LitFichier(s);
+        i_Dumps += s_Dump.find("v1.1.0/4545: ") != std::string::npos &&
+                   s_Dump.find("O>Message-ID: <" + s_Id + ">\n") != std::string::npos;
+    }
+    EXPECT_EQ(i_Dumps, 1);
+}
+
+// A mailbox over its quota refuses at the recipient command with 452: the
+// other recipient is delivered, the run ends with 0, the full mailbox gets
+// nothing, and the report names it as full.
+TEST_F(Cyrus, BoitePleine) {
+    ASSERT_TRUE(DefinitQuota(&sst_Cyrus, "plein", 1)) << sst_Cyrus.s_Erreur;
+    std::string s_Rep = DeposeDirectement(
+        &sst_Cyrus, "plein", "Message-ID: <" + NouvelId() + ">\n\n" + std::string(3000, 'r') + "\n");
+    ASSERT_EQ(s_Rep.compare(0, 4, "250 "), 0) << sst_Cyrus.s_Erreur;
+    ASSERT_EQ(Nombre("plein"), 1u);
+
+    std::string s_Id = NouvelId();
+    ResultatProcessus r = Lance({"plein@vorane.example", "ines@vorane.example"},
+                                Message(s_Id, "quota", "corps\n"));
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(Nombre("ines"), 1u);
+    EXPECT_EQ(Nombre("plein"), 1u);
+    EXPECT_NE(r.s_Erreur.find(
+                  " !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: "
+                  "Les destinataires suivants n'ont pas recu votre message:\n\n"
+                  "Destinataire <plein@vorane.example>, r\xe9ponse du serveur :\n"
+                  "Bo\xeete pleine, message refus\xe9 ...\n"
+                  ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/2)\n"),
+              std::string::npos)
+        << r.s_Erreur;
+}
+
+// A message flagged as spam goes to the folder named by -s (the store
+// reaches user.julie.Spam through "julie+Spam"); an unflagged one, with the
+// empty -c suffix, to the INBOX.
+TEST_F(Cyrus, SuffixeSpam) {
+    const std::vector<std::string> v_Options = {"-c", "", "-s", "+Spam"};
+    ResultatProcessus r = Lance({"julie@vorane.example"},
+                                Message(NouvelId(), "pub", "achetez\n", "X-Spam-Flag: YES\n"), v_Options);
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    r = Lance({"julie@vorane.example"}, Message(NouvelId(), "ami", "bonjour\n"), v_Options);
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(DecoupeMessage(Dernier("julie.Spam")).s_Corps, "achetez\n\n");
+    EXPECT_EQ(Nombre("julie.Spam"), 1u);
+    EXPECT_EQ(DecoupeMessage(Dernier("julie")).s_Corps, "bonjour\n\n");
+    EXPECT_EQ(Nombre("julie"), 1u);
+}
+
+// Messages that lmtpd refuses for their content after the data ("554
+// 5.6.0"): a header line without a colon (a sender can write one; Postfix
+// passes it on), an empty Message-ID, a bare CR in a header field, a NUL
+// byte in the body.  Nothing is stored, the run ends with 0 (the refusal is
+// final, a retry would get it again), and the refusal is on standard error
+// as the end-of-data warning and in the report for the sender.
+TEST_F(Cyrus, RefusDuContenu) {
+    struct Cas {
+        const char *pc_Nom;
+        std::string s_Id, s_EnPlus, s_Corps, s_Reponse;
+    };
+    const Cas tst_Cas[] = {
+        {"ligne sans deux-points", NouvelId(), "Ceci n'est pas un champ\n", "corps\n", "invalid header"},
+        {"Message-ID vide", "", "", "corps\n", "invalid header"},
+        {"CR seul", NouvelId(), "X-Essai: a\rb\n", "corps\n", "invalid header"},
+        {"NUL dans le corps", NouvelId(), "", std::string("cor\0ps\n", 7), "NUL characters"},
+    };
+    for (const Cas &c : tst_Cas) {
+        SCOPED_TRACE(c.pc_Nom);
+        std::size_t n = Nombre("alice");
+        ResultatProcessus r = Lance({"alice@vorane.example"},
+                                    Message(c.s_Id, "refus", c.s_Corps, c.s_EnPlus));
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(Nombre("alice"), n);
+        const std::string s_Reponse = "554 5.6.0 Message contains " + c.s_Reponse + "\r\n";
+        EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/1551: Message non remis, reponse <" + s_Reponse +
+                                  "> en fin de DATA. "),
+                  std::string::npos)
+            << r.s_Erreur;
+        EXPECT_NE(r.s_Erreur.find("La reponse du serveur en fin de DATA est:\n\n" + s_Reponse +
+                                  ". message-id="),
+                  std::string::npos)
+            << r.s_Erreur;
+    }
+}
+
+// Envelope senders that lmtpd refuses at "mail from:" with "501 5.5.4
+// Syntax error in parameters": an internationalised (UTF-8) local part, as
+// an SMTPUTF8 sender has, and an unquoted blank.  The refusal is final: no
+// delivery, status 0, and the report for the sender names the address.
+TEST_F(Cyrus, EmetteurRefuse) {
+    for (const std::string &s_Emetteur : {std::string("j\xc3\xa9r\xc3\xb4me@partenaire.test"),
+                                          std::string("jean dupont@partenaire.test")}) {
+        SCOPED_TRACE(s_Emetteur);
+        std::size_t n = Nombre("alice");
+        std::string s_Id = NouvelId();
+        ResultatProcessus r = Lance({"alice@vorane.example"}, Message(s_Id, "emetteur", "corps\n"), {},
+                                    &sst_Cyrus, s_Emetteur);
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(Nombre("alice"), n);
+        EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non "
+                                  "envoye: Message rejet\xe9, adresse SMTP d'\xe9mission <" +
+                                  s_Emetteur + "> non valable. message-id=<" + s_Id + ">, from=<" +
+                                  s_Emetteur + ">, to=<alice@vorane.example>(-/1)\n"),
+                  std::string::npos)
+            << r.s_Erreur;
+    }
+}
+
+}  // namespace
