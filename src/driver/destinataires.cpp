@@ -13,7 +13,8 @@
 // Messages: 4198 not in the directory, 4205 no delivery kind, 4422 list
 // kind not supported, 4499 kind not supported, 4196 recipient too long for a
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
-// ATTENTE (information); 4545 refusal report of the store (level 4).
+// ATTENTE (information); 4545 refusal report of the store when some mailbox
+// took the message (level 4), 4546 when none did (level 3).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -148,8 +149,16 @@ void TraiteDestinataire(OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp) {
 }
 
 // The store refused something for good: the sender is to hear of it.  The
-// notice mail is not built yet; the report is kept in the log and a dump.
+// notice mail is not built yet, so until it is: when the message reached no
+// mailbox at all it is refused like any level-3 failure without a notice
+// (the report on standard error, status 65 on the main server, so Postfix
+// returns the message to its sender with that text); when some mailboxes
+// took it, the run must end with 0 (a retry would deliver it twice) and the
+// report of the others is kept in the log and a dump file.
 void RapportRefusLmtp(const char *pc_Rapport) {
+    if (gi_BoitesLivreesLmtp == 0)
+        TraitementErreur(NIVEAU_ERREUR, "v1.1.0/4546: Message refuse par le serveur LMTP: %s. %s",
+                         pc_Rapport, gPc_InfoMessEnCours);
     TraitementErreur(NIVEAU_AVERTISSEMENT,
                      "v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: %s. %s",
                      pc_Rapport, gPc_InfoMessEnCours);
@@ -163,7 +172,7 @@ void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const 
                                 pst_Lmtp->tpc_Adresses, pc_Suffixe, gpet_EnteteMess, stdin,
                                 &pc_Rapport);
         if (i_Res == 0) {
-            if (pc_Rapport != nullptr && gi_OnEstSurServeurPrincipal) RapportRefusLmtp(pc_Rapport);
+            if (pc_Rapport != nullptr) RapportRefusLmtp(pc_Rapport);
             return;
         }
         if (i_Essais >= 2)

@@ -372,9 +372,10 @@ TEST_F(Cyrus, SuffixeSpam) {
 // Messages that lmtpd refuses for their content after the data ("554
 // 5.6.0"): a header line without a colon (a sender can write one; Postfix
 // passes it on), an empty Message-ID, a bare CR in a header field, a NUL
-// byte in the body.  Nothing is stored, the run ends with 0 (the refusal is
-// final, a retry would get it again), and the refusal is on standard error
-// as the end-of-data warning and in the report for the sender.
+// byte in the body.  Nothing is stored; the refusal is final (a retry would
+// get it again), so the message goes back to its sender: status 65 with the
+// report on standard error for Postfix's bounce, since this build sends no
+// notice of its own.
 TEST_F(Cyrus, RefusDuContenu) {
     struct Cas {
         const char *pc_Nom;
@@ -391,14 +392,16 @@ TEST_F(Cyrus, RefusDuContenu) {
         std::size_t n = Nombre("alice");
         ResultatProcessus r = Lance({"alice@vorane.example"},
                                     Message(c.s_Id, "refus", c.s_Corps, c.s_EnPlus));
-        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(r.i_Statut, 65) << r.s_Erreur;
         EXPECT_EQ(Nombre("alice"), n);
         const std::string s_Reponse = "554 5.6.0 Message contains " + c.s_Reponse + "\r\n";
         EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/1551: Message non remis, reponse <" + s_Reponse +
                                   "> en fin de DATA. "),
                   std::string::npos)
             << r.s_Erreur;
-        EXPECT_NE(r.s_Erreur.find("La reponse du serveur en fin de DATA est:\n\n" + s_Reponse +
+        EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/4546: Message refuse par le serveur LMTP: "
+                                  "Votre message n'a pas pu etre remis\n"
+                                  "La reponse du serveur en fin de DATA est:\n\n" + s_Reponse +
                                   ". message-id="),
                   std::string::npos)
             << r.s_Erreur;
@@ -408,7 +411,8 @@ TEST_F(Cyrus, RefusDuContenu) {
 // Envelope senders that lmtpd refuses at "mail from:" with "501 5.5.4
 // Syntax error in parameters": an internationalised (UTF-8) local part, as
 // an SMTPUTF8 sender has, and an unquoted blank.  The refusal is final: no
-// delivery, status 0, and the report for the sender names the address.
+// delivery, and the message goes back to its sender (status 65) with the
+// report naming the address.
 TEST_F(Cyrus, EmetteurRefuse) {
     for (const std::string &s_Emetteur : {std::string("j\xc3\xa9r\xc3\xb4me@partenaire.test"),
                                           std::string("jean dupont@partenaire.test")}) {
@@ -417,10 +421,10 @@ TEST_F(Cyrus, EmetteurRefuse) {
         std::string s_Id = NouvelId();
         ResultatProcessus r = Lance({"alice@vorane.example"}, Message(s_Id, "emetteur", "corps\n"), {},
                                     &sst_Cyrus, s_Emetteur);
-        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(r.i_Statut, 65) << r.s_Erreur;
         EXPECT_EQ(Nombre("alice"), n);
-        EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non "
-                                  "envoye: Message rejet\xe9, adresse SMTP d'\xe9mission <" +
+        EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/4546: Message refuse par le serveur LMTP: "
+                                  "Message rejet\xe9, adresse SMTP d'\xe9mission <" +
                                   s_Emetteur + "> non valable. message-id=<" + s_Id + ">, from=<" +
                                   s_Emetteur + ">, to=<alice@vorane.example>(-/1)\n"),
                   std::string::npos)

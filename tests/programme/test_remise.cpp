@@ -28,7 +28,7 @@ std::string Boite(const std::string &s_Uid, const std::string &s_Cn, const std::
 
 const std::string ENTREES =
     Boite("alice", "Alice Martin", "LMTP", "ravokVixmailEmission: a.martin@vorane.example\n") +
-    Boite("bob", "Bob", "lmtp") + Boite("carole", "Carole", "LMTP-cyrus") +
+    Boite("bob", "Bob", "lmtp") + Boite("dora", "Dora", "LMTP", "ravokVixServeurPrincipal: MX1\n") + Boite("carole", "Carole", "LMTP-cyrus") +
     Boite("nul", "Nul", "NULL") + Boite("attente", "Attente", "ATTENTE") +
     Boite("bizarre", "Bizarre", "FAX") + Boite("symp", "Sympa", "SYMPA") +
     EntreeLdif("cn=sansuid", "objectClass: ravokVixListe\ncn: sansuid\n"
@@ -377,6 +377,31 @@ TEST_F(Remise, AucuneInjectionDEnTete) {
     std::string s_Reponse = s_Entete.substr(s_Entete.find("\nReply-to: "));
     s_Reponse = s_Reponse.substr(0, s_Reponse.find("\nSubject"));
     EXPECT_EQ(s_Reponse, "\nReply-to: \"Nom victime@x.test \"\n\t<\"a b\"@partenaire.test>");
+}
+
+}  // namespace
+
+namespace {
+
+// The store refuses every recipient: the message reached nobody, so it goes
+// back to its sender (65, the report on standard error for the bounce);
+// on a server that is not the recipients' main server the run ends with 0.
+TEST_F(Remise, TousRefusesRetourALEmetteur) {
+    for (const char *pc_Serveurs : {"mx0,mx1", "mx2"}) {
+        ServeurLmtpEssai st_Lmtp({Rep("220 ready\n"), Rep("250 ok\n"), Rep("550 5.1.1 unknown\n")},
+                                 false);
+        ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                    {"dora@vorane.example"}, MESSAGE_EXTERNE, {"-p", pc_Serveurs});
+        bool b_Principal = std::string(pc_Serveurs) != "mx2";
+        EXPECT_EQ(r.i_Statut, b_Principal ? 65 : 0) << r.s_Erreur;
+        EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/4546: Message refuse par le serveur LMTP: "
+                                  "Les destinataires suivants n'ont pas recu votre message:\n\n"
+                                  "Destinataire <dora@vorane.example>, r\xe9ponse du serveur :\n"
+                                  "550 5.1.1 unknown\n"),
+                  std::string::npos)
+            << r.s_Erreur;
+        EXPECT_EQ(st_Lmtp.Recu().find("DATA"), std::string::npos);
+    }
 }
 
 }  // namespace
