@@ -254,8 +254,10 @@ ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_Limite
     close(t_Err[1]);
     close(t_Ret[1]);
     auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
-    LitJusquaFin(t_Ret[0], r.s_Retour, t_Fin);
+    // Standard error first: it can be long (a report per attempt), while
+    // the returned text is short and fits the pipe until the child ends.
     LitJusquaFin(t_Err[0], r.s_Erreur, t_Fin);
+    LitJusquaFin(t_Ret[0], r.s_Retour, t_Fin);
     close(t_Ret[0]);
     close(t_Err[0]);
     int i_Etat = AttendAvecLimite(i_Pid, t_Fin, &r.b_Expire);
