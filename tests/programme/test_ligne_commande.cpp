@@ -75,35 +75,6 @@ INSTANTIATE_TEST_SUITE_P(
                   ""}),
     [](const ::testing::TestParamInfo<CasStatut> &i) { return std::string(i.param.pc_Nom); });
 
-// The delivery form that passes every check reads the header; a directory
-// that cannot be reached leaves the message with Postfix (75), and the
-// report's dump file now shows the incoming and working headers.
-TEST(RemiseLigneCommande, AnnuaireInjoignableLaisseLeMessageAPostfix) {
-    ResultatProcessus r = Lance({"-r", "/tmp/lmtp", "-l", "127.0.0.1:1,127.0.0.1:2", "-p", "a,b",
-                                 "-m", "pm@x.y", "-E", "Emetteur@Exemple.FR", "-d", "Dest@Exemple.FR"},
-                                "Message-Id: <m1@x>\nSubject: x\n\tsuite\n\ncorps\n");
-    EXPECT_EQ(r.i_Statut, 75);
-    const std::string s_Info = "message-id=<m1@x>, from=<emetteur@exemple.fr>, to=<dest@exemple.fr>(-/1)";
-    EXPECT_EQ(r.s_Erreur.substr(0, r.s_Erreur.find('\n') + 1),
-              "remise-vorane[" + std::to_string(r.i_Pid) + "]: " + s_Info + "\n");
-    EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/2576: "), std::string::npos) << r.s_Erreur;
-    std::vector<std::string> v = FichiersCommencantPar(
-        std::string(RACINE_SPOOL_ESSAI) + "Erreurs", "ERR.remise." + std::to_string(r.i_Pid) + ".");
-    ASSERT_EQ(v.size(), 1u);
-    struct stat st;
-    ASSERT_EQ(stat(v[0].c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    std::string s_Dump = LitFichier(v[0]);
-    EXPECT_NE(s_Dump.find("\n\nAction: LOG_CRIT, pour nouvelle tentative par Postfix\n\n"
-                          "__DEBUT_DESTINATAIRES__\nDest[1]=<dest@exemple.fr>\n__FIN_DESTINATAIRES__\n\n"
-                          "__DEBUT_ENTETE_ORIGINE__\nO>Message-Id: <m1@x>\nO>Subject: x\n\tsuite\nO>\n"
-                          "__FIN_ENTETE_ORIGINE__\n\n"
-                          "__DEBUT_ENTETE_TRAVAIL__\nT>Message-Id: <m1@x>\nT>Subject: x\n\tsuite\nT>\n"
-                          "__FIN_ENTETE_TRAVAIL__\n\n"),
-              std::string::npos)
-        << s_Dump;
-}
-
 // A sender that never finishes sending: the run's time budget ends it with
 // 75 before Postfix's own limit would bounce the message.
 TEST(RemiseLigneCommande, BudgetDeTempsEpuise) {

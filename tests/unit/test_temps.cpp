@@ -46,16 +46,6 @@ TEST_F(Dates, FormatRfc822) {
     EXPECT_STREQ(pc, "");
 }
 
-TEST_F(Dates, DateCouranteDansLeTamponStatique) {
-    char *pc = _pcs_datcfc();
-    ASSERT_NE(pc, nullptr);
-    EXPECT_EQ(strlen(pc), 19u);
-    EXPECT_EQ(pc, _pcs_datcfc());
-    char pc_Local[20];
-    EXPECT_EQ(_pc_datcfc(pc_Local), pc_Local);
-    EXPECT_EQ(strlen(pc_Local), 19u);
-}
-
 class Fichiers : public ::testing::Test {
 protected:
     std::string s_Rep;
