@@ -18,7 +18,9 @@ std::string Decode(F f, const std::string &s_Entree, std::size_t t_Taille = 256)
     return t_Taille == 0 ? "" : std::string(pc);
 }
 
-TEST(DecodeBase64, OuSArreteLeDecodage) {
+// Decoding stops at the first padding, blank or line break; an unpadded
+// tail decodes as if padded; whole groups only when the output is full.
+TEST(DecodeBase64, OuSArreteLeDecodageEtBorne) {
     struct {
         const char *pc_Entree, *pc_Attendu;
     } t[] = {
@@ -30,6 +32,10 @@ TEST(DecodeBase64, OuSArreteLeDecodage) {
     };
     for (auto &c : t) EXPECT_EQ(Decode(DecodeBase64, c.pc_Entree), c.pc_Attendu) << c.pc_Entree;
 
+    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 5), "ABC");
+    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 4), "");
+    EXPECT_EQ(Decode(DecodeBase64, "QUJD", 0), "");
+
     int i_Pos = 0;
     char pc[4];
     EXPECT_EQ(DecodeQuadruplet(pc, "Q===", &i_Pos), 0);
@@ -39,12 +45,8 @@ TEST(DecodeBase64, OuSArreteLeDecodage) {
     EXPECT_EQ(i_Pos, 2);  // never past the end of the text
 }
 
-TEST(DecodeBase64, BorneDuTampon) {
-    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 5), "ABC");
-    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 4), "");
-    EXPECT_EQ(Decode(DecodeBase64, "QUJD", 0), "");
-}
-
+// "=XX" gives the byte, "_" a blank; an "=" too near the end stays, one
+// without hexadecimal digits gives byte 0 (the end); the output is bounded.
 TEST(DecodeCodageQ, Table) {
     struct {
         const char *pc_Entree, *pc_Attendu;
