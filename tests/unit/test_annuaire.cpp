@@ -21,8 +21,8 @@ const char *const INFO = "message-id=<essai@x>, from=<a@b.c>, to=<-(-/1)";
 
 // LDIF of a person known by the mail address.
 std::string Personne(const std::string &s_Uid, const std::string &s_Mail) {
-    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nuid: " + s_Uid + "\ncn: " + s_Uid +
-                                          "\nsn: S\nmail: " + s_Mail + "\n");
+    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nuid: " + s_Uid +
+                                          "\ncn: " + s_Uid + "\nsn: S\nmail: " + s_Mail + "\n");
 }
 
 const std::string ENTREES =
@@ -207,7 +207,8 @@ TEST_F(Annuaire, FenetreDeReessaiPuisStatut75) {
                      "authentication). " + std::string(INFO) + "\n";
     EXPECT_EQ(r.i_Statut, 75);
     EXPECT_EQ(r.s_Erreur, s_Attendu + " !ERR:2, v1.1.0/2576: Erreur connection LDAP sur <" +
-                              sst_Ferme.s_Hote + ">. " + INFO + ". Possibilite de depots repetes\n");
+                              sst_Ferme.s_Hote + ">. " + INFO +
+                              ". Possibilite de depots repetes\n");
 }
 
 // A server that stops answering after the bind: the search ends on the
@@ -264,10 +265,9 @@ TEST(AttributsLdap, NomAbsent) {
 // whole, never cut into a search for another address.
 TEST(FiltreLdap, EchappementEtBorne) {
     char pc[TAILLE_FILTRE];
-    for (auto [pc_Valeur, pc_Attendu] : {std::pair{"alice@vorane.example", "(mail=alice@vorane.example)"},
-                                         {"a*b", "(mail=a\\2ab)"},
-                                         {"x)(uid=*", "(mail=x\\29\\28uid=\\2a)"},
-                                         {"back\\slash", "(mail=back\\5cslash)"}}) {
+    for (auto [pc_Valeur, pc_Attendu] :
+         {std::pair{"alice@x.y", "(mail=alice@x.y)"}, {"a*b", "(mail=a\\2ab)"},
+          {"x)(uid=*", "(mail=x\\29\\28uid=\\2a)"}, {"back\\slash", "(mail=back\\5cslash)"}}) {
         ASSERT_EQ(ConstruitFiltreLdap(pc, sizeof pc, "mail", pc_Valeur), 0) << pc_Valeur;
         EXPECT_STREQ(pc, pc_Attendu);
     }
@@ -300,7 +300,8 @@ TEST(ListeHotes, UrisConstruites) {
         EXPECT_EQ(ConstruitUrisLdap(c.pc_Hotes, pc, sizeof pc), c.i_Nb) << c.pc_Hotes;
         EXPECT_STREQ(pc, c.pc_Uris) << c.pc_Hotes;
     }
-    for (const char *pc_Hotes : {"", "h:0", "h:65536", "h:", "bon mau/vais", "ldap://h", "[::1", "::1"}) {
+    for (const char *pc_Hotes :
+         {"", "h:0", "h:65536", "h:", "bon mau/vais", "ldap://h", "[::1", "::1"}) {
         EXPECT_EQ(ConstruitUrisLdap(pc_Hotes, pc, sizeof pc), -1) << pc_Hotes;
         EXPECT_STREQ(pc, "") << pc_Hotes;
     }

@@ -18,8 +18,9 @@ std::string Decode(F f, const std::string &s_Entree, std::size_t t_Taille = 256)
     return t_Taille == 0 ? "" : std::string(pc);
 }
 
-// Decoding stops at the first padding, blank or line break; an unpadded
-// tail decodes as if padded; whole groups only when the output is full.
+// Decoding stops after a padded group or at a blank or line feed between
+// groups (inside a group they are skipped); an unpadded tail decodes as if
+// padded; a group is decoded only while it fits whole with the NUL.
 TEST(DecodeBase64, OuSArreteLeDecodageEtBorne) {
     struct {
         const char *pc_Entree, *pc_Attendu;

@@ -147,7 +147,7 @@ TEST(Recherches, PrefixeSansCasseValeursEtSuite) {
     Entete *pet = Liste({"Received: un\n", "To-Do: rien\n", "TO: d@x.y\n", "Subject: a\n b\n",
                          "Received: deux\n", "X-Vide:\n", "X-Blancs: \t v\n", "\n"});
     EXPECT_STREQ(RecupEntete(pet, "to:")->pc_Ligne, "TO: d@x.y\n");
-    EXPECT_STREQ(RecupLigneEntete(pet, "To")->pc_Ligne, "To-Do: rien\n");
+    EXPECT_STREQ(RecupEntete(pet, "To")->pc_Ligne, "To-Do: rien\n");
     Entete *pet_Un = RecupEntete(pet, "received:");
     EXPECT_STREQ(RecupEntete(pet_Un->pet_Suivant, "Received:")->pc_Ligne, "Received: deux\n");
 

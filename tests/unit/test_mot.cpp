@@ -59,7 +59,6 @@ TEST(DecodeQP, MotsDecodes) {
     } t[] = {
         {"sans_mot_ramene_a_ascii", "Caf\xE9 \xF1 ok", "UTF-8", "Cafe ? ok"},
         {"b_utf8_vers_latin1", "=?UTF-8?B?w6l0w6k=?=", "ISO-8859-1", "\xE9t\xE9"},
-        {"q_utf8_vers_latin1", "=?UTF-8?Q?=C3=A9=74=C3=A9?=", "ISO-8859-1", "\xE9t\xE9"},
         {"lettres_minuscules", "=?utf-8?q?=C3=A9t=C3=A9?= / =?utf-8?b?w6k=?=", "ISO-8859-1",
          "\xE9t\xE9 / \xE9"},
         {"cible_vide_latin1", "=?UTF-8?B?w6k=?=", "", "\xE9"},
@@ -187,10 +186,11 @@ TEST(EncodeQP, MultiOctetsJamaisCoupeEtAllerRetour) {
     EXPECT_EQ(s_Sortie.find('\n'), std::string::npos);
     EXPECT_EQ(s_Sortie.size(), 10 + 120 * 3 + 2u);
     for (const std::string &s_Texte :
-         {"Re: " + s_Cyr, std::string("Fran\xC3\xA7ois M\xC3\xBCller \xE2\x82\xAC 100 \xD0\x96\xD0\xB8"
-                                      "\xD0\xB7\xD0\xBD\xD1\x8C"),
-          std::string("\xC3\xA9\xC3\xA9 \xC3\xA9 a b c d e f g h i j k l m n o p q r s t u v w x y z 0 "
-                      "1 2 3 4 5 6 7 8 9 \xC3\xA8\xC3\xA8\xC3\xA8 fin")}) {
+         {"Re: " + s_Cyr,
+          std::string("Fran\xC3\xA7ois M\xC3\xBCller \xE2\x82\xAC 100 \xD0\x96\xD0\xB8\xD0\xB7"
+                      "\xD0\xBD\xD1\x8C"),
+          std::string("\xC3\xA9\xC3\xA9 \xC3\xA9 a b c d e f g h i j k l m n o p q r s t u v w x y "
+                      "z 0 1 2 3 4 5 6 7 8 9 \xC3\xA8\xC3\xA8\xC3\xA8 fin")}) {
         s_Sortie = EQ(s_Texte, "UTF-8");
         EXPECT_EQ(s_Sortie.find("?Q?" "?="), std::string::npos) << s_Sortie;
         Decode d = DQ(s_Sortie, "UTF-8", 1024);
