@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -29,15 +28,20 @@ constexpr const char *SLAPADD = "/usr/sbin/slapadd";
 constexpr int ESSAIS_PORT = 5;
 constexpr auto ATTENTE_DEMARRAGE = std::chrono::seconds(10);
 
-// Socket bound to 127.0.0.1 on the port (0: any free one); -1 on failure.
-int SocketLocale(int i_Port) {
-    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (i_Fd < 0) return -1;
+// 127.0.0.1:port as a socket address.
+sockaddr_in Adresse(int i_Port) {
     sockaddr_in st{};
     st.sin_family = AF_INET;
     st.sin_port = htons(static_cast<uint16_t>(i_Port));
     st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0) {
+    return st;
+}
+
+// Socket bound to 127.0.0.1 on the port (0: any free one); -1 on failure.
+int SocketLocale(int i_Port) {
+    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in st = Adresse(i_Port);
+    if (i_Fd >= 0 && bind(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0) {
         close(i_Fd);
         return -1;
     }
@@ -55,12 +59,9 @@ int PortDe(int i_Fd) {
 // Starts connecting to 127.0.0.1:port; with b_Attente, waits for the outcome.
 int Connecte(int i_Port, bool b_Attente) {
     int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | (b_Attente ? 0 : SOCK_NONBLOCK), 0);
-    if (i_Fd < 0) return -1;
-    sockaddr_in st{};
-    st.sin_family = AF_INET;
-    st.sin_port = htons(static_cast<uint16_t>(i_Port));
-    st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0 && errno != EINPROGRESS) {
+    sockaddr_in st = Adresse(i_Port);
+    if (i_Fd >= 0 && connect(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0 &&
+        errno != EINPROGRESS) {
         close(i_Fd);
         return -1;
     }
@@ -70,29 +71,24 @@ int Connecte(int i_Port, bool b_Attente) {
 // Writes a file; false when it cannot.
 bool EcritFichier(const std::string &s_Chemin, const std::string &s_Contenu) {
     std::ofstream f(s_Chemin, std::ios::binary | std::ios::trunc);
-    f << s_Contenu;
-    return static_cast<bool>(f.flush());
+    return static_cast<bool>(f << s_Contenu << std::flush);
 }
 
 // slapd.conf of the test directory.
 std::string Configuration(const AnnuaireEssai &st, const OptionsAnnuaire &st_Options) {
-    std::string s;
-    for (const char *pc : {"core", "cosine", "inetorgperson"})
-        s += std::string("include /etc/ldap/schema/") + pc + ".schema\n";
-    s += "include " REPERTOIRE_SOURCES "/schema/vorane.schema\n";
-    s += "pidfile " + st.s_Repertoire + "/slapd.pid\n";
-    s += "modulepath /usr/lib/ldap\nmoduleload back_mdb\n";
-    if (st_Options.b_BaseParDefaut)
-        s += std::string("defaultsearchbase ") + SUFFIXE_ANNUAIRE_ESSAI + "\n";
-    if (st_Options.b_RefuseAnonyme) s += "disallow bind_anon\n";
-    s += "loglevel 0\n";
-    s += "database mdb\nmaxsize 104857600\n";
-    s += std::string("suffix \"") + SUFFIXE_ANNUAIRE_ESSAI + "\"\n";
-    s += std::string("rootdn \"cn=admin,") + SUFFIXE_ANNUAIRE_ESSAI + "\"\nrootpw secret\n";
-    s += "directory " + st.s_Repertoire + "/db\n";
-    s += "index objectClass,mail,ravokVixmailEmission eq\n";
-    s += "access to * by * read\n";
-    return s;
+    const std::string s_Suffixe = SUFFIXE_ANNUAIRE_ESSAI;
+    return "include /etc/ldap/schema/core.schema\n"
+           "include /etc/ldap/schema/cosine.schema\n"
+           "include /etc/ldap/schema/inetorgperson.schema\n"
+           "include " REPERTOIRE_SOURCES "/schema/vorane.schema\n"
+           "pidfile " + st.s_Repertoire + "/slapd.pid\n"
+           "modulepath /usr/lib/ldap\nmoduleload back_mdb\n"
+           "defaultsearchbase " + s_Suffixe + "\n" +
+           (st_Options.b_RefuseAnonyme ? "disallow bind_anon\n" : "") +
+           "loglevel 0\ndatabase mdb\nmaxsize 104857600\n"
+           "suffix \"" + s_Suffixe + "\"\nrootdn \"cn=admin," + s_Suffixe + "\"\nrootpw secret\n"
+           "directory " + st.s_Repertoire + "/db\n"
+           "index objectClass,mail,ravokVixmailEmission eq\naccess to * by * read\n";
 }
 
 // Waits until slapd answers a TCP connection; false when it died or took
@@ -100,8 +96,7 @@ std::string Configuration(const AnnuaireEssai &st, const OptionsAnnuaire &st_Opt
 bool AttendAnnuaire(AnnuaireEssai *pst) {
     auto t_Fin = std::chrono::steady_clock::now() + ATTENTE_DEMARRAGE;
     while (std::chrono::steady_clock::now() < t_Fin) {
-        int i_Etat = 0;
-        if (waitpid(pst->i_Pid, &i_Etat, WNOHANG) == pst->i_Pid) {
+        if (waitpid(pst->i_Pid, nullptr, WNOHANG) == pst->i_Pid) {
             pst->i_Pid = 0;
             return false;
         }
@@ -168,12 +163,8 @@ bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGTERM);
             int i_Fd = open(s_Journal.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-            if (i_Fd >= 0) {
-                dup2(i_Fd, 1);
-                dup2(i_Fd, 2);
-            }
             int i_Nul = open("/dev/null", O_RDONLY);
-            if (i_Nul >= 0) dup2(i_Nul, 0);
+            for (int i : {0, 1, 2}) dup2(i == 0 ? i_Nul : i_Fd, i);
             execl(SLAPD, SLAPD, "-d", "0", "-f", s_Conf.c_str(), "-h", s_Url.c_str(),
                   static_cast<char *>(nullptr));
             _exit(127);
@@ -211,20 +202,17 @@ void ArreteAnnuaire(AnnuaireEssai *pst) {
 // True when every thread of the process is stopped (state "T" in its stat
 // line), so that nothing it already started can still answer.
 static bool ToutesTachesArretees(pid_t i_Pid) {
-    std::string s_Rep = "/proc/" + std::to_string(i_Pid) + "/task";
-    DIR *pd = opendir(s_Rep.c_str());
-    if (pd == nullptr) return false;
-    bool b_Arretees = true;
-    while (dirent *pe = readdir(pd)) {
-        if (pe->d_name[0] == '.') continue;
-        std::ifstream f(s_Rep + "/" + pe->d_name + "/stat");
+    std::error_code ec;
+    std::filesystem::directory_iterator it("/proc/" + std::to_string(i_Pid) + "/task", ec);
+    if (ec) return false;
+    for (const auto &e : it) {
+        std::ifstream f(e.path() / "stat");
         std::string s_Stat;
         std::getline(f, s_Stat);
         std::size_t p = s_Stat.rfind(')');
-        if (p == std::string::npos || p + 2 >= s_Stat.size() || s_Stat[p + 2] != 'T') b_Arretees = false;
+        if (p == std::string::npos || p + 2 >= s_Stat.size() || s_Stat[p + 2] != 'T') return false;
     }
-    closedir(pd);
-    return b_Arretees;
+    return true;
 }
 
 void SuspendAnnuaire(const AnnuaireEssai &st) {
@@ -239,34 +227,26 @@ void ReprendAnnuaire(const AnnuaireEssai &st) {
 }
 
 bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode) {
+    // A backlog of 0 leaves room for one connection, which the fixture takes
+    // itself in ModeMuet::FilePleine; the kernel then drops every new SYN.
+    const bool b_Plein = e_Mode == ModeMuet::FilePleine;
     int i_Ecoute = SocketLocale(0);
     if (i_Ecoute < 0) return false;
+    pid_t pid = 0;
+    if (listen(i_Ecoute, b_Plein ? 0 : 16) != 0 || (!b_Plein && (pid = fork()) < 0)) {
+        close(i_Ecoute);
+        return false;
+    }
     pst->i_Port = PortDe(i_Ecoute);
     pst->s_Hote = "127.0.0.1:" + std::to_string(pst->i_Port);
-
-    if (e_Mode == ModeMuet::FilePleine) {
-        // A backlog of 0 leaves room for one connection, which the fixture
-        // takes itself; the kernel then drops every new SYN.
-        if (listen(i_Ecoute, 0) != 0) {
-            close(i_Ecoute);
-            return false;
-        }
+    if (b_Plein) {
         pst->i_Ecoute = i_Ecoute;
         pst->i_Bouchon = Connecte(pst->i_Port, false);
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         return pst->i_Bouchon >= 0;
     }
-
-    if (listen(i_Ecoute, 16) != 0) {
-        close(i_Ecoute);
-        return false;
-    }
-    pid_t pid = fork();
-    if (pid < 0) {
-        close(i_Ecoute);
-        return false;
-    }
     if (pid == 0) {
+        // Accepts every connection and reads whatever comes, never writing.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         std::vector<pollfd> v{{i_Ecoute, POLLIN, 0}};
         char pc[4096];
@@ -277,10 +257,8 @@ bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode) {
                     close(v[i].fd);
                     v[i].fd = -1;
                 }
-            if (v[0].revents & POLLIN) {
-                int i_Fd = accept(i_Ecoute, nullptr, nullptr);
-                if (i_Fd >= 0) v.push_back({i_Fd, POLLIN, 0});
-            }
+            int i_Fd = (v[0].revents & POLLIN) ? accept(i_Ecoute, nullptr, nullptr) : -1;
+            if (i_Fd >= 0) v.push_back({i_Fd, POLLIN, 0});
         }
     }
     close(i_Ecoute);

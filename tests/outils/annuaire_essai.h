@@ -23,7 +23,6 @@ constexpr const char *SUFFIXE_ANNUAIRE_ESSAI = "dc=vorane,dc=example";
 
 struct OptionsAnnuaire {
     bool b_RefuseAnonyme = false;  // "disallow bind_anon": every anonymous bind refused
-    bool b_BaseParDefaut = true;   // defaultsearchbase set to the suffix
 };
 
 struct AnnuaireEssai {

@@ -5,18 +5,8 @@
 #include <stdio_ext.h>
 #include <unistd.h>
 
-// Writes every byte, then closes the descriptor (end of input for the reader).
-static void EcritTout(int i_Fd, std::string s) {
-    std::size_t t = 0;
-    while (t < s.size()) {
-        ssize_t n = write(i_Fd, s.data() + t, s.size() - t);
-        if (n <= 0) break;
-        t += static_cast<std::size_t>(n);
-    }
-    close(i_Fd);
-}
-
-// Puts a fresh pipe on descriptor 0 and starts its writer.
+// Puts a fresh pipe on descriptor 0 and starts its writer, which writes
+// every byte then closes its end (end of input for the reader).
 EntreeTube::EntreeTube(const std::string &s_Octets) {
     int t_Tube[2];
     if (pipe(t_Tube) != 0) return;
@@ -25,7 +15,14 @@ EntreeTube::EntreeTube(const std::string &s_Octets) {
     close(t_Tube[0]);
     __fpurge(stdin);
     clearerr(stdin);
-    th_Ecrivain = std::thread(EcritTout, t_Tube[1], s_Octets);
+    th_Ecrivain = std::thread([i_Fd = t_Tube[1], s_Octets] {
+        for (std::size_t t = 0; t < s_Octets.size();) {
+            ssize_t n = write(i_Fd, s_Octets.data() + t, s_Octets.size() - t);
+            if (n <= 0) break;
+            t += static_cast<std::size_t>(n);
+        }
+        close(i_Fd);
+    });
 }
 
 // Drains what is left so the writer ends, then restores descriptor 0.

@@ -25,12 +25,9 @@ private:
     std::thread th_Ecrivain;
 };
 
-// Runs the callable with standard error captured; returns what it wrote.
-template <typename F>
-std::string CaptureErreur(F f);
-
 #include <gtest/gtest.h>
 
+// Runs the callable with standard error captured; returns what it wrote.
 template <typename F>
 std::string CaptureErreur(F f) {
     ::testing::internal::CaptureStderr();

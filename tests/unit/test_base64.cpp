@@ -18,7 +18,10 @@ std::string Decode(F f, const std::string &s_Entree, std::size_t t_Taille = 256)
     return t_Taille == 0 ? "" : std::string(pc);
 }
 
-TEST(DecodeBase64, OuSArreteLeDecodage) {
+// Decoding stops after a padded group or at a blank or line feed between
+// groups (inside a group they are skipped); an unpadded tail decodes as if
+// padded; a group is decoded only while it fits whole with the NUL.
+TEST(DecodeBase64, OuSArreteLeDecodageEtBorne) {
     struct {
         const char *pc_Entree, *pc_Attendu;
     } t[] = {
@@ -30,6 +33,10 @@ TEST(DecodeBase64, OuSArreteLeDecodage) {
     };
     for (auto &c : t) EXPECT_EQ(Decode(DecodeBase64, c.pc_Entree), c.pc_Attendu) << c.pc_Entree;
 
+    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 5), "ABC");
+    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 4), "");
+    EXPECT_EQ(Decode(DecodeBase64, "QUJD", 0), "");
+
     int i_Pos = 0;
     char pc[4];
     EXPECT_EQ(DecodeQuadruplet(pc, "Q===", &i_Pos), 0);
@@ -39,12 +46,8 @@ TEST(DecodeBase64, OuSArreteLeDecodage) {
     EXPECT_EQ(i_Pos, 2);  // never past the end of the text
 }
 
-TEST(DecodeBase64, BorneDuTampon) {
-    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 5), "ABC");
-    EXPECT_EQ(Decode(DecodeBase64, "QUJDREVG", 4), "");
-    EXPECT_EQ(Decode(DecodeBase64, "QUJD", 0), "");
-}
-
+// "=XX" gives the byte, "_" a blank; an "=" too near the end stays, one
+// without hexadecimal digits gives byte 0 (the end); the output is bounded.
 TEST(DecodeCodageQ, Table) {
     struct {
         const char *pc_Entree, *pc_Attendu;

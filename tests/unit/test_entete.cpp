@@ -66,59 +66,52 @@ TEST(ChargeLigne, InsertionCopieEtAdoption) {
     free(pet_Adopte);  // the adopted text is not the node's
 }
 
-struct CasLecture {
-    const char *pc_Nom;
-    std::string s_Entree;
-    Lignes v_Noeuds;       // the header as read
-    std::string s_Reste;   // what stays on standard input
-    bool b_Avertissement;  // message 1783
-};
-
-void PrintTo(const CasLecture &c, std::ostream *os) { *os << c.pc_Nom; }
-
-class Lecture : public ::testing::TestWithParam<CasLecture> {};
-
-TEST_P(Lecture, NoeudsEtReste) {
-    const CasLecture &c = GetParam();
-    EntreeTube st_Tube(c.s_Entree);
-    Entete *pet_Tete = nullptr;
-    std::string s_Err = CaptureErreur([&] { LitEntete(&pet_Tete); });
-    EXPECT_EQ(Textes(pet_Tete), c.v_Noeuds);
-    EXPECT_EQ(EntreeTube::Reste(), c.s_Reste);
-    EXPECT_EQ(s_Err.rfind(" !ERR:4, v1.1.0/1783: EOF avant ligne de fin d'entete. ", 0) == 0,
-              c.b_Avertissement)
-        << s_Err;
-    Libere(pet_Tete);
-}
-
 const std::string LIGNE_1023 = "X-Long: " + std::string(1015, 'z');
 const std::string LIGNE_2500 = "X-Tres-Long: " + std::string(2487, 'q');
 
-INSTANTIATE_TEST_SUITE_P(
-    Cas, Lecture,
-    ::testing::Values(
-        CasLecture{"plies_puis_corps", "Subject: a\n b\n\tc\nTo: x\n\ncorps\n.\n",
-                   {"Subject: a\n b\n\tc\n", "To: x\n", "\n"}, "corps\n.\n", false},
-        CasLecture{"crlf", "Subject: a\r\n b\r\n\r\ncorps\r\n", {"Subject: a\r\n b\r\n", "\r\n"},
-                   "corps\r\n", false},
-        CasLecture{"entree_vide", "", {}, "", true},
-        CasLecture{"sans_ligne_vide", "A: 1\nB: 2", {"A: 1\n", "B: 2"}, "", true},
-        CasLecture{"premiere_ligne_vide", "\nA: 1\n\n", {"\n"}, "A: 1\n\n", false},
-        CasLecture{"suite_sans_champ_avant", " orpheline\nA: 1\n\n",
-                   {" orpheline\n", "A: 1\n", "\n"}, "", false},
+// The header as read from a pipe: folded fields joined, CRLF kept, input
+// left from the empty line on, pieces of 1023 bytes for long lines, and
+// warning 1783 when input ends before the empty line.
+TEST(LitEntete, NoeudsEtReste) {
+    struct {
+        const char *pc_Nom;
+        std::string s_Entree;
+        Lignes v_Noeuds;       // the header as read
+        std::string s_Reste;   // what stays on standard input
+        bool b_Avertissement;  // message 1783
+    } t[] = {
+        {"plies_puis_corps", "Subject: a\n b\n\tc\nTo: x\n\ncorps\n.\n",
+         {"Subject: a\n b\n\tc\n", "To: x\n", "\n"}, "corps\n.\n", false},
+        {"crlf", "Subject: a\r\n b\r\n\r\ncorps\r\n", {"Subject: a\r\n b\r\n", "\r\n"}, "corps\r\n",
+         false},
+        {"sans_ligne_vide", "A: 1\nB: 2", {"A: 1\n", "B: 2"}, "", true},
+        {"premiere_ligne_vide", "\nA: 1\n\n", {"\n"}, "A: 1\n\n", false},
+        {"suite_sans_champ_avant", " orpheline\nA: 1\n\n", {" orpheline\n", "A: 1\n", "\n"}, "",
+         false},
         // 1023 bytes fill one piece; the line feed alone comes next and is
         // taken as the end of the header.
-        CasLecture{"ligne_de_1023", LIGNE_1023 + "\nB: 2\n\ncorps\n", {LIGNE_1023, "\n"},
-                   "B: 2\n\ncorps\n", false},
+        {"ligne_de_1023", LIGNE_1023 + "\nB: 2\n\ncorps\n", {LIGNE_1023, "\n"}, "B: 2\n\ncorps\n",
+         false},
         // Pieces of a long line that do not begin with a blank are nodes of
         // their own, even after a continuation line.
-        CasLecture{"ligne_longue_en_morceaux", LIGNE_2500 + "\n\n",
-                   {LIGNE_2500.substr(0, 1023), LIGNE_2500.substr(1023, 1023),
-                    LIGNE_2500.substr(2046) + "\n", "\n"}, "", false},
-        CasLecture{"suite_longue", "Subject: a\n " + std::string(1500, 's') + "\n\n",
-                   {"Subject: a\n " + std::string(1022, 's'), std::string(478, 's') + "\n", "\n"},
-                   "", false}),
-    [](const ::testing::TestParamInfo<CasLecture> &i) { return std::string(i.param.pc_Nom); });
+        {"ligne_longue_en_morceaux", LIGNE_2500 + "\n\n",
+         {LIGNE_2500.substr(0, 1023), LIGNE_2500.substr(1023, 1023), LIGNE_2500.substr(2046) + "\n",
+          "\n"}, "", false},
+        {"suite_longue", "Subject: a\n " + std::string(1500, 's') + "\n\n",
+         {"Subject: a\n " + std::string(1022, 's'), std::string(478, 's') + "\n", "\n"}, "", false},
+    };
+    for (auto &c : t) {
+        EntreeTube st_Tube(c.s_Entree);
+        Entete *pet_Tete = nullptr;
+        std::string s_Err = CaptureErreur([&] { LitEntete(&pet_Tete); });
+        EXPECT_EQ(Textes(pet_Tete), c.v_Noeuds) << c.pc_Nom;
+        EXPECT_EQ(EntreeTube::Reste(), c.s_Reste) << c.pc_Nom;
+        EXPECT_EQ(s_Err.rfind(" !ERR:4, v1.1.0/1783: EOF avant ligne de fin d'entete. ", 0) == 0,
+                  c.b_Avertissement)
+            << c.pc_Nom << ": " << s_Err;
+        Libere(pet_Tete);
+    }
+}
 
 // The body follows the header's empty line, one node per piece, nothing
 // treated specially; lookups then reach body lines too.
@@ -135,22 +128,26 @@ TEST(LectureMessage, CorpsAjouteEtVuParLesRecherches) {
     Libere(pet_Tete);
 }
 
+// LigneEnteteVide tells the kinds of empty line apart (0 for any other
+// text); VerifLigneEOL cuts a text at its first empty line.
 TEST(LigneEnteteVide, CodesEtVerifLigneEOL) {
     const char *tpc[] = {nullptr, "", "\nx", "\r\n", "\r\nx", " \n"};
     const int ti[] = {1, 2, 3, 4, 0, 0};
     for (int i = 0; i < 6; i++) EXPECT_EQ(LigneEnteteVide(tpc[i]), ti[i]) << i;
-
     std::string s = "a\nb\n\nc\n\n";
     EXPECT_STREQ(VerifLigneEOL(s.data()), "a\nb\n");
     s = "a\r\n\r\n";
     EXPECT_STREQ(VerifLigneEOL(s.data()), "a\r\n\r\n");
 }
 
+// Lookups match the field-name prefix in any case and go on from a node;
+// values skip leading blanks and keep continuations; an absent field has
+// the one shared value "\n".
 TEST(Recherches, PrefixeSansCasseValeursEtSuite) {
     Entete *pet = Liste({"Received: un\n", "To-Do: rien\n", "TO: d@x.y\n", "Subject: a\n b\n",
                          "Received: deux\n", "X-Vide:\n", "X-Blancs: \t v\n", "\n"});
     EXPECT_STREQ(RecupEntete(pet, "to:")->pc_Ligne, "TO: d@x.y\n");
-    EXPECT_STREQ(RecupLigneEntete(pet, "To")->pc_Ligne, "To-Do: rien\n");
+    EXPECT_STREQ(RecupEntete(pet, "To")->pc_Ligne, "To-Do: rien\n");
     Entete *pet_Un = RecupEntete(pet, "received:");
     EXPECT_STREQ(RecupEntete(pet_Un->pet_Suivant, "Received:")->pc_Ligne, "Received: deux\n");
 
@@ -165,6 +162,8 @@ TEST(Recherches, PrefixeSansCasseValeursEtSuite) {
     Libere(pet);
 }
 
+// The text between the first opener and the next closer (or the end),
+// bounded by the size: never a byte written past it.
 TEST(RecupValeur, Table) {
     struct {
         const char *pc_Texte, *pc_Ouvrants, *pc_Fermants;
@@ -174,8 +173,7 @@ TEST(RecupValeur, Table) {
         {"<id.123>\n", "<", ">", 1024, "id.123"}, {"<<id>>", "<", ">", 1024, "id"},
         {"id", "<", ">", 1024, ""},               {"<id", "<", ">", 1024, "id"},
         {nullptr, "<", ">", 1024, ""},            {"\"Jean\" x", "\"", nullptr, 1024, "Jean"},
-        {"<abcdef>", "<", ">", 4, "abc"},         {"<abcdef", "<", ">", 4, "abc"},
-        {"<abc>", "<", ">", 1, ""},
+        {"<abcdef>", "<", ">", 4, "abc"},         {"<abc>", "<", ">", 1, ""},
     };
     for (auto &c : t) {
         char pc_Sortie[1025];
@@ -183,7 +181,7 @@ TEST(RecupValeur, Table) {
         int i = RecupValeur(c.pc_Texte, c.pc_Ouvrants, c.pc_Fermants, pc_Sortie, c.t_Taille);
         EXPECT_EQ(i, static_cast<int>(strlen(c.pc_Attendu)));
         EXPECT_STREQ(pc_Sortie, c.pc_Attendu);
-        EXPECT_EQ(pc_Sortie[c.t_Taille], 'Z');  // nothing written past the size
+        EXPECT_EQ(pc_Sortie[c.t_Taille], 'Z');
     }
 }
 

@@ -28,12 +28,13 @@ Decode DQ(const std::string &s_Valeur, const char *pc_Cible, std::size_t t_Taill
     return {t_Taille == 0 ? "" : std::string(pc), s_Err};
 }
 
+// EncodeQP into a buffer of the given size, with a guard past the size.
 std::string EQ(const std::string &s_Valeur, const char *pc_Charset, int i_Taille = 1024) {
     static char pc[2048];
     memset(pc, 'Z', sizeof pc);
     EXPECT_EQ(EncodeQP(s_Valeur.c_str(), pc_Charset, pc, i_Taille), pc);
     EXPECT_EQ(pc[i_Taille], 'Z') << s_Valeur;
-    return i_Taille == 0 ? "" : std::string(pc);
+    return pc;
 }
 
 // Whether standard error starts with the level-4 line of the message.
@@ -46,16 +47,9 @@ std::string EQ(const std::string &s_Valeur, const char *pc_Charset, int i_Taille
 // DecodeQP
 // ---------------------------------------------------------------------------
 
-TEST(DecodeQP, ValeurSansMotEncodeRameneeAAscii) {
-    Decode d = DQ("Caf\xE9 \xF1 ok", "UTF-8");
-    EXPECT_EQ(d.s_Sortie, "Cafe ? ok");
-    EXPECT_EQ(d.s_Erreur, "");
-    EXPECT_EQ(DQ("abcdef", "UTF-8", 4).s_Sortie, "abc");
-    EXPECT_EQ(DecodageQPNecessaire(nullptr), 0);
-    EXPECT_EQ(DecodageQPNecessaire("a = ? b"), 0);
-    EXPECT_EQ(DecodageQPNecessaire("x=?y"), 1);
-}
-
+// Encoded words are decoded into the target charset (none: Latin-1), text
+// around them copied as it is, blanks between adjacent words dropped; a
+// value without any word is copied folded to ASCII.
 TEST(DecodeQP, MotsDecodes) {
     struct {
         const char *pc_Nom;
@@ -63,19 +57,18 @@ TEST(DecodeQP, MotsDecodes) {
         const char *pc_Cible;
         std::string s_Attendu;
     } t[] = {
+        {"sans_mot_ramene_a_ascii", "Caf\xE9 \xF1 ok", "UTF-8", "Cafe ? ok"},
         {"b_utf8_vers_latin1", "=?UTF-8?B?w6l0w6k=?=", "ISO-8859-1", "\xE9t\xE9"},
-        {"q_utf8_vers_latin1", "=?UTF-8?Q?=C3=A9=74=C3=A9?=", "ISO-8859-1", "\xE9t\xE9"},
         {"lettres_minuscules", "=?utf-8?q?=C3=A9t=C3=A9?= / =?utf-8?b?w6k=?=", "ISO-8859-1",
          "\xE9t\xE9 / \xE9"},
         {"cible_vide_latin1", "=?UTF-8?B?w6k=?=", "", "\xE9"},
         {"latin1_vers_utf8", "=?ISO-8859-1?Q?No=EBl_et_=5F?=", "UTF-8", "No\xC3\xABl et _"},
-        {"mots_adjacents_colles", "=?ISO-8859-1?Q?a?=\n\t=?ISO-8859-1?Q?b?=", "UTF-8", "ab"},
-        {"blancs_et_cr_entre_mots", "=?ISO-8859-1?Q?a?= \r\n =?ISO-8859-1?Q?b?=", "UTF-8", "ab"},
+        {"blancs_entre_mots_supprimes",
+         "=?ISO-8859-1?Q?a?=\n\t=?ISO-8859-1?Q?b?= \r\n =?ISO-8859-1?Q?c?=", "UTF-8", "abc"},
         {"blanc_avant_texte_garde", "=?ISO-8859-1?Q?a?= suite", "UTF-8", "a suite"},
         {"texte_hors_mot_inchange", "\xE9 =?UTF-8?B?w6k=?= \xE9", "ISO-8859-1", "\xE9 \xE9 \xE9"},
         {"octet_nul_dans_le_mot", "=?ISO-8859-1?Q?ab=00cd?=x", "UTF-8", "abx"},
         {"mot_vide", "a=?UTF-8?Q?" "?=b", "UTF-8", "ab"},
-        {"base64_sans_remplissage", "=?UTF-8?B?QUJDQQ?=", "UTF-8", "ABCA"},
     };
     for (auto &c : t) {
         Decode d = DQ(c.s_Valeur, c.pc_Cible);
@@ -116,14 +109,15 @@ TEST(DecodeQP, ErreursDonnentLaValeurInchangee) {
     }
 }
 
+// Output full inside a word: cut after the last whole character, then
+// plain text byte by byte while room is left; the unchanged copy after a
+// failure is bounded by the room left then.
 TEST(DecodeQP, BornesDeLaSortie) {
-    // Output full inside a word: cut after the last whole character, then
-    // plain text byte by byte while room is left.
+    EXPECT_EQ(DQ("abcdef", "UTF-8", 4).s_Sortie, "abc");
     EXPECT_EQ(DQ("=?UTF-8?Q?=C3=A9=C3=A9=C3=A9?= xyz", "UTF-8", 6).s_Sortie, "\xC3\xA9\xC3\xA9 ");
     EXPECT_EQ(DQ("=?UTF-8?Q?abcdef?=", "UTF-8", 4).s_Sortie, "abc");
     EXPECT_EQ(DQ("=?UTF-8?Q?a?=", "UTF-8", 1).s_Sortie, "");
     EXPECT_EQ(DQ("=?UTF-8?Q?a?=", "UTF-8", 0).s_Sortie, "");
-    // The unchanged copy after a failure is bounded by the room left then.
     EXPECT_EQ(DQ("abc =?UTF-8?Q?=E9?=", "ISO-8859-1", 8).s_Sortie, "ab");
 }
 
@@ -131,31 +125,32 @@ TEST(DecodeQP, BornesDeLaSortie) {
 // EncodeQP and its cut rule
 // ---------------------------------------------------------------------------
 
+// A word closes before an ASCII byte once counter + unit (the byte and the
+// run of high bytes after it, in input bytes) would pass 75, never before
+// a high byte.  The exact boundary shows in no whole encoding.
 TEST(Yfautcouper, Regle) {
-    EXPECT_EQ(yfautcouper("", 500), 0);
     EXPECT_EQ(yfautcouper("a", 74), 0);
     EXPECT_EQ(yfautcouper("a", 75), 1);
-    EXPECT_EQ(yfautcouper("a\xE9", 73), 0);   // unit of 2
+    EXPECT_EQ(yfautcouper("a\xE9", 73), 0);
     EXPECT_EQ(yfautcouper("a\xE9", 74), 1);
-    EXPECT_EQ(yfautcouper("a\xE9\xE9\xE9z", 72), 1);  // unit of 4, in input bytes
-    EXPECT_EQ(yfautcouper("\xE9", 500), 0);  // never before a high byte
-    EXPECT_EQ(CodageQPNecessaire("a\xE9\xFF"), static_cast<signed char>('\xE9'));
+    EXPECT_EQ(yfautcouper("a\xE9\xE9\xE9z", 72), 1);
+    EXPECT_EQ(yfautcouper("\xE9", 500), 0);
 }
 
+// Q words in the named charset (none: Latin-1); only letters stay as they
+// are, a blank becomes "_"; ASCII text is copied unchanged.
 TEST(EncodeQP, MotsAttendus) {
     struct {
         const char *pc_Valeur, *pc_Charset, *pc_Attendu;
     } t[] = {
-        {"Bonjour 2024 =?x?=", "UTF-8", "Bonjour 2024 =?x?="},  // ASCII: unchanged
+        {"Bonjour 2024 =?x?=", "UTF-8", "Bonjour 2024 =?x?="},
         {"No\xEBl", "ISO-8859-1", "=?ISO-8859-1?Q?No=EBl?="},
         {"No\xEBl", "", "=?ISO-8859-1?Q?No=EBl?="},
         {"No\xEBl", nullptr, "=?ISO-8859-1?Q?No=EBl?="},
         {"\xE9t\xE9 2024!", "iso8859-15", "=?iso8859-15?Q?=E9t=E9_=32=30=32=34=21?="},
         {"a_b=c?d\xE9", "ISO-8859-1", "=?ISO-8859-1?Q?a=5Fb=3Dc=3Fd=E9?="},
-        {nullptr, "UTF-8", ""},
     };
-    for (auto &c : t)
-        EXPECT_EQ(EQ(c.pc_Valeur ? c.pc_Valeur : std::string(), c.pc_Charset), c.pc_Attendu);
+    for (auto &c : t) EXPECT_EQ(EQ(c.pc_Valeur, c.pc_Charset), c.pc_Attendu);
     EXPECT_EQ(EncodeQP(nullptr, "UTF-8", nullptr, 0), nullptr);
 }
 
@@ -173,44 +168,33 @@ TEST(EncodeQP, TexteLongCoupeEnPlusieursMots) {
     for (std::string s_Ligne; std::getline(is, s_Ligne);) EXPECT_LE(s_Ligne.size(), 76u) << s_Ligne;
 }
 
-// Multi-byte text is never cut inside its run of high bytes.
-TEST(EncodeQP, TexteMultiOctetsJamaisCoupe) {
-    std::string s_Cyr;
-    for (int i = 0; i < 60; i++) s_Cyr += "\xD0\x96";
-    std::string s_Sortie = EQ(s_Cyr, "UTF-8");
-    EXPECT_EQ(s_Sortie.find('\n'), std::string::npos);
-    EXPECT_EQ(s_Sortie.size(), 10 + 120 * 3 + 2u);
-    // Preceded by ASCII: each word still carries text, and the whole comes back.
-    std::string s_Re = "Re: " + s_Cyr;
-    s_Sortie = EQ(s_Re, "UTF-8");
-    EXPECT_EQ(s_Sortie.find("?Q?" "?="), std::string::npos) << s_Sortie;
-    EXPECT_EQ(DQ(s_Sortie, "UTF-8", 1024).s_Sortie, s_Re);
-}
-
+// Out of room: the output ends with the separator, bytes left are dropped.
 TEST(EncodeQP, BorneDeLaSortie) {
     std::string s;
     for (int i = 0; i < 100; i++) s += "x\xE9";
-    // Out of room: the output ends with the separator, bytes left are dropped.
     std::string s_Sortie = EQ(s, "UTF-8", 100);
     EXPECT_LT(s_Sortie.size(), 100u);
     EXPECT_EQ(s_Sortie.substr(s_Sortie.size() - 4), "?=\n\t");
 }
 
-// A display name through EncodeQP then DecodeQP comes back as it was.
-TEST(EncodeQP, AllerRetour) {
-    struct {
-        const char *pc_Texte, *pc_Charset;
-    } t[] = {
-        {"Fran\xE7ois L'H\xF4pital-Gr\xE2" "ce (Service \xE9tudes) 12_=?", "ISO-8859-1"},
-        {"Fran\xC3\xA7ois M\xC3\xBCller \xE2\x82\xAC 100 \xD0\x96\xD0\xB8\xD0\xB7\xD0\xBD\xD1\x8C", "UTF-8"},
-        {"\xC3\xA9\xC3\xA9 \xC3\xA9 a b c d e f g h i j k l m n o p q r s t u v w x y z 0 1 2 3 4 5 6 "
-         "7 8 9 \xC3\xA8\xC3\xA8\xC3\xA8 fin",
-         "UTF-8"},
-    };
-    for (auto &c : t) {
-        std::string s_Encode = EQ(c.pc_Texte, c.pc_Charset);
-        Decode d = DQ(s_Encode, c.pc_Charset, 1024);
-        EXPECT_EQ(d.s_Sortie, c.pc_Texte) << s_Encode;
+// Multi-byte text is never cut inside its run of high bytes, every word
+// carries text, and the text comes back through DecodeQP.
+TEST(EncodeQP, MultiOctetsJamaisCoupeEtAllerRetour) {
+    std::string s_Cyr;
+    for (int i = 0; i < 60; i++) s_Cyr += "\xD0\x96";
+    std::string s_Sortie = EQ(s_Cyr, "UTF-8");
+    EXPECT_EQ(s_Sortie.find('\n'), std::string::npos);
+    EXPECT_EQ(s_Sortie.size(), 10 + 120 * 3 + 2u);
+    for (const std::string &s_Texte :
+         {"Re: " + s_Cyr,
+          std::string("Fran\xC3\xA7ois M\xC3\xBCller \xE2\x82\xAC 100 \xD0\x96\xD0\xB8\xD0\xB7"
+                      "\xD0\xBD\xD1\x8C"),
+          std::string("\xC3\xA9\xC3\xA9 \xC3\xA9 a b c d e f g h i j k l m n o p q r s t u v w x y "
+                      "z 0 1 2 3 4 5 6 7 8 9 \xC3\xA8\xC3\xA8\xC3\xA8 fin")}) {
+        s_Sortie = EQ(s_Texte, "UTF-8");
+        EXPECT_EQ(s_Sortie.find("?Q?" "?="), std::string::npos) << s_Sortie;
+        Decode d = DQ(s_Sortie, "UTF-8", 1024);
+        EXPECT_EQ(d.s_Sortie, s_Texte) << s_Sortie;
         EXPECT_EQ(d.s_Erreur, "");
     }
 }

@@ -21,6 +21,8 @@ std::string RepertoireTemporaire() {
     return mkdtemp(pc) != nullptr ? pc : "";
 }
 
+// The cn=config LDIF in the tree is what the generator makes of the .schema
+// file: an edit of one without the other fails here.
 TEST(Schema, LdifAJourDuFichierSchema) {
     const std::string s_Rep = RepertoireTemporaire();
     ASSERT_FALSE(s_Rep.empty());
@@ -32,6 +34,8 @@ TEST(Schema, LdifAJourDuFichierSchema) {
     std::filesystem::remove_all(s_Rep);
 }
 
+// The cn=config form loads into a cn=config directory after the standard
+// schemas and passes slapd's configuration test.
 TEST(Schema, FormeCnConfigChargeeParSlapd) {
     const std::string s_Rep = RepertoireTemporaire();
     ASSERT_FALSE(s_Rep.empty());
