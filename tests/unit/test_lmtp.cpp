@@ -262,7 +262,8 @@ TEST_F(Lmtp, TousRefuses) {
               TETE_DEST +
                   "Destinataire <plein@v.example>, r\xe9ponse du serveur :\n"
                   "Bo\xeete pleine, message refus\xe9 ...\n"
-                  "Destinataire <inconnu@v.example>, r\xe9ponse du serveur :\n550 5.1.1 User unknown\r\n\n"
+                  "Destinataire <inconnu@v.example>, r\xe9ponse du serveur :\n"
+                  "550 5.1.1 User unknown\r\n\n"
                   "Destinataire <pirate@v.example>, r\xe9ponse du serveur :\n"
                   "Adresse de bo\xeete aux lettres non valable\n\n"
                   "Destinataire <tard@v.example>, r\xe9ponse du serveur :\n451 4.2.0 later\r\n\n");
