@@ -14,9 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <grp.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -77,26 +75,17 @@ std::string ConfigurationMaster(const std::string &D, int i_PortImap) {
            "}\nEVENTS {\n}\n";
 }
 
-// Gives the whole tree to cyrus:mail; false when the user or group is missing.
+// Gives the whole tree to cyrus:mail (symbolic links themselves, never
+// what they point to) and lets anyone reach it; false and the reason.
 bool DonneACyrus(const std::string &D, std::string *ps_Erreur) {
-    passwd *pw = getpwnam("cyrus");
-    group *gr = getgrnam("mail");
-    if (pw == nullptr || gr == nullptr) {
-        *ps_Erreur = "no cyrus user or mail group (is cyrus-imapd installed?)";
-        return false;
-    }
-    std::error_code ec;
-    if (chown(D.c_str(), pw->pw_uid, gr->gr_gid) != 0 || chmod(D.c_str(), 0755) != 0) {
-        *ps_Erreur = "chown/chmod " + D + ": " + strerror(errno);
-        return false;
-    }
-    for (auto it = std::filesystem::recursive_directory_iterator(D, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-        if (lchown(it->path().c_str(), pw->pw_uid, gr->gr_gid) != 0) {
-            *ps_Erreur = "chown " + it->path().string() + ": " + strerror(errno);
-            return false;
-        }
-    return !ec;
+    ResultatProcessus r = LanceProgramme({"/bin/chown", "-hR", "cyrus:mail", D}, "", 30);
+    if (r.i_Statut != 0)
+        *ps_Erreur = "chown -hR cyrus:mail " + D + " (is cyrus-imapd installed?): " + r.s_Erreur;
+    else if (chmod(D.c_str(), 0755) != 0)
+        *ps_Erreur = "chmod " + D + ": " + strerror(errno);
+    else
+        return true;
+    return false;
 }
 
 // Connection to a socket address with both time limits of the fixture's
