@@ -47,13 +47,14 @@ struct Issue {
 
 // Runs one attempt in a child against the designation.
 Issue Tente(const std::string &s_Serveur, const Essai &e) {
+    auto f_Table = [](const std::vector<std::string> &v) {
+        std::vector<char *> v_Table;
+        for (const std::string &s : v) v_Table.push_back(const_cast<char *>(s.c_str()));
+        v_Table.push_back(nullptr);
+        return v_Table;
+    };
     Issue is;
     is.r = ExecuteEnFils([&]() {
-        std::vector<char *> v_B, v_A;
-        for (const std::string &s : e.v_Boites) v_B.push_back(const_cast<char *>(s.c_str()));
-        for (const std::string &s : e.v_Adresses) v_A.push_back(const_cast<char *>(s.c_str()));
-        v_B.push_back(nullptr);
-        v_A.push_back(nullptr);
         std::vector<std::string> v_Lignes = e.v_Entete;
         if (!e.b_Flux) {
             // The body as LitMessage leaves it: pieces of at most 1023 bytes.
@@ -65,18 +66,15 @@ Issue Tente(const std::string &s_Serveur, const Essai &e) {
         Entete *pet = ListeLignes(v_Lignes);
         gpet_EnteteMess = pet;
         char *pc_Rapport = e.pc_RapportInitial ? strdup(e.pc_RapportInitial) : nullptr;
-        int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, v_B.data(), v_A.data(), e.pc_Suffixe,
-                            pet, e.b_Flux ? FluxOctets(e.s_Corps) : nullptr, &pc_Rapport);
-        std::string s = std::to_string(i) + "|" + (pc_Rapport ? "1" : "0") + "|";
-        if (pc_Rapport) s += pc_Rapport;
-        return s;
+        int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, f_Table(e.v_Boites).data(),
+                            f_Table(e.v_Adresses).data(), e.pc_Suffixe, pet,
+                            e.b_Flux ? FluxOctets(e.s_Corps) : nullptr, &pc_Rapport);
+        return std::to_string(i) + (pc_Rapport ? "|" + std::string(pc_Rapport) : "");
     });
-    std::size_t p1 = is.r.s_Retour.find('|');
-    if (p1 != std::string::npos) {
-        is.i_Res = atoi(is.r.s_Retour.c_str());
-        is.b_Rapport = is.r.s_Retour[p1 + 1] == '1';
-        is.s_Rapport = is.r.s_Retour.substr(p1 + 3);
-    }
+    std::size_t p = is.r.s_Retour.find('|');
+    if (!is.r.s_Retour.empty()) is.i_Res = atoi(is.r.s_Retour.c_str());
+    is.b_Rapport = p != std::string::npos;
+    if (is.b_Rapport) is.s_Rapport = is.r.s_Retour.substr(p + 1);
     return is;
 }
 
