@@ -14,10 +14,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <grp.h>
 #include <netinet/in.h>
-#include <pwd.h>
-#include <strings.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -49,7 +46,7 @@ bool EcritFichier(const std::string &s_Chemin, const std::string &s_Contenu) {
 }
 
 // imapd.conf of the instance.
-std::string ConfigurationImapd(const std::string &D, const OptionsCyrus &st_Options) {
+std::string ConfigurationImapd(const std::string &D) {
     std::string s;
     s += "configdirectory: " + D + "/config\n";
     s += "defaultpartition: default\npartition-default: " + D + "/spool\n";
@@ -64,8 +61,7 @@ std::string ConfigurationImapd(const std::string &D, const OptionsCyrus &st_Opti
     s += "hashimapspool: false\nlmtp_downcase_rcpt: yes\nidlemethod: poll\n";
     s += "allowplaintext: yes\nsasl_pwcheck_method: auxprop\nsasl_auxprop_plugin: sasldb\n";
     s += "sasl_sasldb_path: " + D + "/sasldb2\nsasl_mech_list: PLAIN\n";
-    s += std::string("duplicatesuppression: ") + (st_Options.b_SuppressionDoublons ? "1" : "0") + "\n";
-    if (st_Options.b_Garde8bits) s += "munge8bit: no\n";
+    s += "duplicatesuppression: 0\n";
     return s;
 }
 
@@ -79,65 +75,48 @@ std::string ConfigurationMaster(const std::string &D, int i_PortImap) {
            "}\nEVENTS {\n}\n";
 }
 
-// Gives the whole tree to cyrus:mail; false when the user or group is missing.
+// Gives the whole tree to cyrus:mail (symbolic links themselves, never
+// what they point to) and lets anyone reach it; false and the reason.
 bool DonneACyrus(const std::string &D, std::string *ps_Erreur) {
-    passwd *pw = getpwnam("cyrus");
-    group *gr = getgrnam("mail");
-    if (pw == nullptr || gr == nullptr) {
-        *ps_Erreur = "no cyrus user or mail group (is cyrus-imapd installed?)";
-        return false;
-    }
-    std::error_code ec;
-    if (chown(D.c_str(), pw->pw_uid, gr->gr_gid) != 0 || chmod(D.c_str(), 0755) != 0) {
-        *ps_Erreur = "chown/chmod " + D + ": " + strerror(errno);
-        return false;
-    }
-    for (auto it = std::filesystem::recursive_directory_iterator(D, ec);
-         !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec))
-        if (lchown(it->path().c_str(), pw->pw_uid, gr->gr_gid) != 0) {
-            *ps_Erreur = "chown " + it->path().string() + ": " + strerror(errno);
-            return false;
-        }
-    return !ec;
+    ResultatProcessus r = LanceProgramme({"/bin/chown", "-hR", "cyrus:mail", D}, "", 30);
+    if (r.i_Statut != 0)
+        *ps_Erreur = "chown -hR cyrus:mail " + D + " (is cyrus-imapd installed?): " + r.s_Erreur;
+    else if (chmod(D.c_str(), 0755) != 0)
+        *ps_Erreur = "chmod " + D + ": " + strerror(errno);
+    else
+        return true;
+    return false;
 }
 
-// Sets both time limits of a client socket.
-void LimiteSocket(int i_Fd) {
+// Connection to a socket address with both time limits of the fixture's
+// clients set, or -1.
+int Connecte(int i_Famille, const void *pst_Adresse, socklen_t t_Long) {
+    int i_Fd = socket(i_Famille, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (i_Fd < 0) return -1;
     timeval st{DELAI_SOCKET_SECONDES, 0};
     setsockopt(i_Fd, SOL_SOCKET, SO_RCVTIMEO, &st, sizeof st);
     setsockopt(i_Fd, SOL_SOCKET, SO_SNDTIMEO, &st, sizeof st);
+    if (connect(i_Fd, static_cast<const sockaddr *>(pst_Adresse), t_Long) == 0) return i_Fd;
+    close(i_Fd);
+    return -1;
 }
 
 // Connection to 127.0.0.1:port, or -1.
 int ConnecteTcp(int i_Port) {
-    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (i_Fd < 0) return -1;
-    LimiteSocket(i_Fd);
     sockaddr_in st{};
     st.sin_family = AF_INET;
     st.sin_port = htons(static_cast<uint16_t>(i_Port));
     st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0) {
-        close(i_Fd);
-        return -1;
-    }
-    return i_Fd;
+    return Connecte(AF_INET, &st, sizeof st);
 }
 
 // Connection to a Unix-domain socket, or -1.
 int ConnecteUnix(const std::string &s_Chemin) {
     sockaddr_un st{};
     if (s_Chemin.size() >= sizeof st.sun_path) return -1;
-    int i_Fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (i_Fd < 0) return -1;
-    LimiteSocket(i_Fd);
     st.sun_family = AF_UNIX;
     memcpy(st.sun_path, s_Chemin.c_str(), s_Chemin.size() + 1);
-    if (connect(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0) {
-        close(i_Fd);
-        return -1;
-    }
-    return i_Fd;
+    return Connecte(AF_UNIX, &st, sizeof st);
 }
 
 // A line-oriented client connection (IMAP or LMTP, CRLF on the wire).
@@ -175,21 +154,30 @@ struct Ligne {
             s_Attente.append(pc, static_cast<std::size_t>(n));
         }
     }
-    // A whole SMTP-style reply (its lines joined by LF); false on failure.
-    bool LitReponse(std::string *ps) {
-        ps->clear();
-        std::string s;
-        do {
-            if (!Lit(&s)) return false;
-            *ps += s + "\n";
-        } while (s.size() >= 4 && s[3] == '-');
-        return true;
-    }
 };
 
+// Sends a tagged command and reads up to its tagged reply; false and the
+// reason when the connection fails or the reply is not OK.
+bool CommandeImap(Ligne *pl, const std::string &s_Etiquette, const std::string &s_Commande,
+                  std::string *ps_Erreur) {
+    if (!pl->Envoie(s_Etiquette + " " + s_Commande + "\r\n")) {
+        *ps_Erreur = "IMAP write failed: " + s_Commande;
+        return false;
+    }
+    std::string s;
+    do {
+        if (!pl->Lit(&s)) {
+            *ps_Erreur = "IMAP connection closed after: " + s_Commande;
+            return false;
+        }
+    } while (s.compare(0, s_Etiquette.size() + 1, s_Etiquette + " ") != 0);
+    if (s.compare(s_Etiquette.size() + 1, 3, "OK ") == 0) return true;
+    *ps_Erreur = s_Commande + ": " + s;
+    return false;
+}
+
 // Opens an administrator session; false and the reason when it cannot.
-bool OuvreImap(const CyrusEssai &st, const std::string &s_MotDePasse, Ligne *pl,
-               std::string *ps_Erreur) {
+bool OuvreImap(const CyrusEssai &st, Ligne *pl, std::string *ps_Erreur) {
     pl->i_Fd = ConnecteTcp(st.i_PortImap);
     std::string s;
     if (pl->i_Fd < 0 || !pl->Lit(&s)) {
@@ -200,22 +188,9 @@ bool OuvreImap(const CyrusEssai &st, const std::string &s_MotDePasse, Ligne *pl,
         *ps_Erreur = "not Cyrus on 127.0.0.1:" + std::to_string(st.i_PortImap) + ": " + s;
         return false;
     }
-    if (!pl->Envoie(std::string("a0 LOGIN ") + ADMIN + " \"" + s_MotDePasse + "\"\r\n")) return false;
-    do {
-        if (!pl->Lit(&s)) {
-            *ps_Erreur = "IMAP connection closed during LOGIN";
-            return false;
-        }
-    } while (s.compare(0, 3, "a0 ") != 0);
-    if (s.compare(0, 6, "a0 OK ") != 0) {
-        *ps_Erreur = "LOGIN refused: " + s;
-        return false;
-    }
-    return true;
+    return CommandeImap(pl, "a0", std::string("LOGIN ") + ADMIN + " \"" + st.s_MotDePasse + "\"",
+                        ps_Erreur);
 }
-
-// The administrator's password of an instance (kept in its directory).
-std::string MotDePasse(const CyrusEssai &st) { return LitFichier(st.s_Repertoire + "/admin.pw"); }
 
 // Waits until the master serves both sockets: the LMTP greeting on the
 // Unix socket, the Cyrus IMAP greeting on the port.  false when the master
@@ -235,7 +210,7 @@ bool AttendCyrus(CyrusEssai *pst) {
             Ligne l;
             l.i_Fd = ConnecteUnix(pst->s_Socket);
             std::string s;
-            if (l.i_Fd >= 0 && l.LitReponse(&s) && s.compare(0, 4, "220 ") == 0) {
+            if (l.i_Fd >= 0 && l.Lit(&s) && s.compare(0, 4, "220 ") == 0) {
                 l.Envoie("QUIT\r\n");
                 b_Lmtp = true;
             }
@@ -243,7 +218,7 @@ bool AttendCyrus(CyrusEssai *pst) {
         if (b_Lmtp && !b_Imap) {
             Ligne l;
             std::string s_Erreur;
-            b_Imap = OuvreImap(*pst, MotDePasse(*pst), &l, &s_Erreur);
+            b_Imap = OuvreImap(*pst, &l, &s_Erreur);
             if (b_Imap) l.Envoie("a1 LOGOUT\r\n");
             else pst->s_Erreur = s_Erreur;
             if (!b_Imap && s_Erreur.compare(0, 3, "no ") != 0) return false;  // someone else's port
@@ -344,20 +319,9 @@ std::string JournalMaster(const std::string &D) {
     return s.empty() ? "(the master wrote nothing)" : s;
 }
 
-// Full IMAP name of a mailbox given as "alice" or "alice.Dossier".
-std::string NomImap(const std::string &s_Boite) { return "user." + s_Boite; }
-
-// The LMTP recipient that reaches a mailbox: "alice.Dossier" -> "alice+Dossier".
-std::string DestinataireLmtp(const std::string &s_Boite) {
-    std::string s = s_Boite;
-    std::size_t p = s.find('.');
-    if (p != std::string::npos) s[p] = '+';
-    return s;
-}
-
 }  // namespace
 
-bool DemarreCyrus(CyrusEssai *pst, const OptionsCyrus &st_Options) {
+bool DemarreCyrus(CyrusEssai *pst) {
     // 1. Preconditions, said plainly.
     for (const char *pc : {MASTER, MBPATH, SASLPASSWD2})
         if (access(pc, X_OK) != 0) {
@@ -381,15 +345,14 @@ bool DemarreCyrus(CyrusEssai *pst, const OptionsCyrus &st_Options) {
     pst->s_Socket = D + "/socket/lmtp";
     for (const char *pc : {"config", "spool", "socket", "proc", "lock", "tmp", "sieve"})
         std::filesystem::create_directory(D + "/" + pc);
-    std::string s_MotDePasse = "essai-" + std::to_string(getpid()) + "-" +
-                               std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
-    if (!EcritFichier(pst->s_Conf, ConfigurationImapd(D, st_Options)) ||
-        !EcritFichier(D + "/admin.pw", s_MotDePasse)) {
+    pst->s_MotDePasse = "essai-" + std::to_string(getpid()) + "-" +
+                        std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
+    if (!EcritFichier(pst->s_Conf, ConfigurationImapd(D))) {
         pst->s_Erreur = "cannot write the configuration into " + D;
         return false;
     }
     ResultatProcessus r = LanceProgramme(
-        {SASLPASSWD2, "-p", "-c", "-f", D + "/sasldb2", "-u", NOM_SERVEUR, ADMIN}, s_MotDePasse, 30);
+        {SASLPASSWD2, "-p", "-c", "-f", D + "/sasldb2", "-u", NOM_SERVEUR, ADMIN}, pst->s_MotDePasse, 30);
     if (r.i_Statut != 0) {
         pst->s_Erreur = "saslpasswd2: " + r.s_Erreur;
         return false;
@@ -431,85 +394,16 @@ void ArreteCyrus(CyrusEssai *pst) {
 
 bool CommandesImap(CyrusEssai *pst, const std::vector<std::string> &v_Commandes) {
     Ligne l;
-    if (!OuvreImap(*pst, MotDePasse(*pst), &l, &pst->s_Erreur)) return false;
-    int i_Etiquette = 1;
-    for (const std::string &s_Commande : v_Commandes) {
-        std::string s_Etiquette = "a" + std::to_string(i_Etiquette++) + " ";
-        if (!l.Envoie(s_Etiquette + s_Commande + "\r\n")) {
-            pst->s_Erreur = "IMAP write failed: " + s_Commande;
-            return false;
-        }
-        std::string s;
-        do {
-            if (!l.Lit(&s)) {
-                pst->s_Erreur = "IMAP connection closed after: " + s_Commande;
-                return false;
-            }
-        } while (s.compare(0, s_Etiquette.size(), s_Etiquette) != 0);
-        if (s.compare(s_Etiquette.size(), 3, "OK ") != 0) {
-            pst->s_Erreur = s_Commande + ": " + s;
-            return false;
-        }
-    }
+    if (!OuvreImap(*pst, &l, &pst->s_Erreur)) return false;
+    for (std::size_t k = 0; k < v_Commandes.size(); k++)
+        if (!CommandeImap(&l, "a" + std::to_string(k + 1), v_Commandes[k], &pst->s_Erreur)) return false;
     l.Envoie("z LOGOUT\r\n");
     return true;
 }
 
-bool CreeBoites(CyrusEssai *pst, const std::vector<std::string> &v_Boites) {
-    std::vector<std::string> v;
-    for (const std::string &s : v_Boites) v.push_back("CREATE " + NomImap(s));
-    return CommandesImap(pst, v);
-}
-
-bool DefinitQuota(CyrusEssai *pst, const std::string &s_Boite, int i_Ko) {
-    return CommandesImap(pst, {"SETQUOTA " + NomImap(s_Boite) + " (STORAGE " + std::to_string(i_Ko) + ")"});
-}
-
-bool AutorisePost(CyrusEssai *pst, const std::string &s_Boite) {
-    return CommandesImap(pst, {"SETACL " + NomImap(s_Boite) + " anyone p"});
-}
-
-std::string DeposeDirectement(CyrusEssai *pst, const std::string &s_Boite,
-                              const std::string &s_Message) {
-    Ligne l;
-    l.i_Fd = ConnecteUnix(pst->s_Socket);
-    std::string s;
-    // Greeting, LHLO, sender, recipient, DATA: each must succeed.
-    const std::vector<std::pair<std::string, std::string>> v_Etapes = {
-        {"", "220"},
-        {"LHLO essai\r\n", "250"},
-        {"MAIL FROM:<remplissage@essai.invalid>\r\n", "250"},
-        {"RCPT TO:<" + DestinataireLmtp(s_Boite) + ">\r\n", "250"},
-        {"DATA\r\n", "354"}};
-    for (const auto &[s_Commande, s_Code] : v_Etapes) {
-        if (l.i_Fd < 0 || !l.Envoie(s_Commande) || !l.LitReponse(&s) ||
-            s.compare(0, 3, s_Code) != 0) {
-            pst->s_Erreur = "direct LMTP delivery, after \"" + s_Commande + "\": " + s;
-            return "";
-        }
-    }
-    // The data: CRLF line ends, leading dots doubled, then the final dot.
-    std::string s_Donnees;
-    std::size_t p = 0;
-    while (p < s_Message.size()) {
-        std::size_t q = s_Message.find('\n', p);
-        std::string s_Ligne = s_Message.substr(p, q == std::string::npos ? std::string::npos : q - p);
-        if (!s_Ligne.empty() && s_Ligne[0] == '.') s_Donnees += ".";
-        s_Donnees += s_Ligne + "\r\n";
-        p = q == std::string::npos ? s_Message.size() : q + 1;
-    }
-    s_Donnees += ".\r\n";
-    if (!l.Envoie(s_Donnees) || !l.LitReponse(&s)) {
-        pst->s_Erreur = "direct LMTP delivery: no reply after the data";
-        return "";
-    }
-    l.Envoie("QUIT\r\n");
-    return s;
-}
-
 std::vector<std::string> MessagesStockes(const CyrusEssai &st, const std::string &s_Boite) {
     std::vector<std::string> v;
-    ResultatProcessus r = LanceProgramme({MBPATH, "-C", st.s_Conf, NomImap(s_Boite)}, "", 30);
+    ResultatProcessus r = LanceProgramme({MBPATH, "-C", st.s_Conf, "user." + s_Boite}, "", 30);
     std::string s_Dossier = r.s_Sortie.substr(0, r.s_Sortie.find('\n'));
     if (r.i_Statut != 0 || s_Dossier.empty()) return v;
     // Message files are "<uid>." with a decimal uid.
@@ -537,39 +431,7 @@ std::string SansCr(const std::string &s) {
 
 MessageStocke DecoupeMessage(const std::string &s_Stocke) {
     std::string s = SansCr(s_Stocke);
-    MessageStocke st;
-    if (s.compare(0, 1, "\n") == 0) {  // no header at all
-        st.s_Corps = s.substr(1);
-        return st;
-    }
     std::size_t p = s.find("\n\n");
-    if (p == std::string::npos) {
-        st.s_Entete = s;
-        return st;
-    }
-    st.s_Entete = s.substr(0, p + 1);
-    st.s_Corps = s.substr(p + 2);
-    return st;
-}
-
-std::string ValeurChamp(const std::string &s_Entete, const std::string &s_Nom) {
-    std::size_t p = 0;
-    while (p < s_Entete.size()) {
-        std::size_t q = s_Entete.find('\n', p);
-        if (q == std::string::npos) q = s_Entete.size();
-        if (q - p > s_Nom.size() && s_Entete[p + s_Nom.size()] == ':' &&
-            strncasecmp(s_Entete.c_str() + p, s_Nom.c_str(), s_Nom.size()) == 0) {
-            // The field goes on while the next line begins with a blank.
-            std::size_t f = q;
-            while (f + 1 < s_Entete.size() && (s_Entete[f + 1] == ' ' || s_Entete[f + 1] == '\t')) {
-                f = s_Entete.find('\n', f + 1);
-                if (f == std::string::npos) f = s_Entete.size();
-            }
-            std::size_t d = p + s_Nom.size() + 1;
-            if (d < f && s_Entete[d] == ' ') d++;
-            return s_Entete.substr(d, f - d);
-        }
-        p = q + 1;
-    }
-    return "";
+    if (p == std::string::npos) return {s, ""};
+    return {s.substr(0, p + 1), s.substr(p + 2)};
 }

@@ -14,12 +14,12 @@
 //   - "user.alice" names alice's INBOX (dot as hierarchy separator, the
 //     standard namespace), so "rcpt to:<alice>" reaches it and
 //     "rcpt to:<alice+Dossier>" reaches user.alice.Dossier when that folder
-//     grants "p" (AutorisePost), and INBOX otherwise;
-//   - duplicate suppression is OFF unless asked for: a message delivered
-//     twice is stored twice, so a test that counts stored messages sees a
-//     double delivery instead of having Cyrus hide it;
+//     grants "p" to anyone, and INBOX otherwise;
+//   - duplicate suppression is OFF: a message delivered twice is stored
+//     twice, so a test that counts stored messages sees a double delivery
+//     instead of having Cyrus hide it;
 //   - 8-bit bytes in header fields are stored as "X" (munge8bit, Cyrus's
-//     default) unless b_Garde8bits;
+//     default);
 //   - lmtpd prepends its own Return-Path, Received, X-Cyrus-Session-Id and
 //     X-Sieve lines, and adds a Date when there is none; stored messages
 //     have CRLF line ends.
@@ -37,15 +37,11 @@
 #include <sys/types.h>
 #include <vector>
 
-struct OptionsCyrus {
-    bool b_SuppressionDoublons = false;  // duplicatesuppression
-    bool b_Garde8bits = false;           // munge8bit: no (8-bit header bytes kept)
-};
-
 struct CyrusEssai {
     std::string s_Repertoire;  // temporary directory of the instance
     std::string s_Conf;        // its imapd.conf
     std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
+    std::string s_MotDePasse;  // the administrator's
     int i_PortImap = 0;        // administration only
     pid_t i_Pid = 0;           // the master's guardian (see ArreteCyrus)
     std::string s_Erreur;      // why the last operation failed
@@ -53,29 +49,16 @@ struct CyrusEssai {
 
 // Starts the store; false (and s_Erreur, with the master's own log) when it
 // cannot.  Needs root.
-bool DemarreCyrus(CyrusEssai *pst, const OptionsCyrus &st_Options = {});
+bool DemarreCyrus(CyrusEssai *pst);
 // Stops the store and removes its directory; harmless twice.
 void ArreteCyrus(CyrusEssai *pst);
 
 // Runs IMAP commands as the administrator, in one session, each expected
-// to end "OK" (e.g. "CREATE user.alice", "SETQUOTA user.bob (STORAGE 1)").
+// to end "OK" (e.g. "CREATE user.alice", "SETQUOTA user.bob (STORAGE 1)",
+// "SETACL user.alice.Spam anyone p" to let LMTP deliver to "alice+Spam").
 // false and s_Erreur (the command and the server's answer) at the first
 // that does not.
 bool CommandesImap(CyrusEssai *pst, const std::vector<std::string> &v_Commandes);
-// Creates the INBOX of every user ("alice" -> user.alice); a name with a
-// dot creates that folder ("alice.Spam" -> user.alice.Spam).
-bool CreeBoites(CyrusEssai *pst, const std::vector<std::string> &v_Boites);
-// Storage quota of a mailbox in kilobytes.
-bool DefinitQuota(CyrusEssai *pst, const std::string &s_Boite, int i_Ko);
-// Lets LMTP deliver into a folder by "user+folder" (right "p" for anyone).
-bool AutorisePost(CyrusEssai *pst, const std::string &s_Boite);
-
-// Delivers a message straight to one mailbox over the LMTP socket, without
-// the program (to fill a mailbox before a test).  The message is given with
-// LF line ends.  Returns the final reply, or "" (and s_Erreur) when the
-// dialogue went wrong before it.
-std::string DeposeDirectement(CyrusEssai *pst, const std::string &s_Boite,
-                              const std::string &s_Message);
 
 // The stored messages of a mailbox ("alice", "alice.Spam"), oldest first,
 // as stored (CRLF line ends); empty when it has none or does not exist.
@@ -89,7 +72,3 @@ struct MessageStocke {
     std::string s_Corps;
 };
 MessageStocke DecoupeMessage(const std::string &s_Stocke);
-// Value of the first header field with that name (any case), its
-// continuation lines included, without the name and the blank after the
-// colon; "" when absent.  Its own last line feed is removed.
-std::string ValeurChamp(const std::string &s_Entete, const std::string &s_Nom);

@@ -55,27 +55,23 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
     std::string s_Attente;
     bool b_Donnees = false;
     char pc[65536];
-    for (std::size_t k = 0; k < v_Script.size(); k++) {
-        std::string s_Unite;
-        if (k > 0) {
-            std::size_t t_Fin;
-            while ((t_Fin = FinUnite(s_Attente, b_Donnees)) == 0) {
-                ssize_t n = read(i_Fd, pc, sizeof pc);
-                if (n <= 0) _exit(0);
-                EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
-                s_Attente.append(pc, static_cast<std::size_t>(n));
-            }
-            s_Unite = s_Attente.substr(0, t_Fin);
-            s_Attente.erase(0, t_Fin);
+    // Once the script is used up, the units that still come are recorded
+    // and left unanswered until the client closes.
+    for (std::size_t k = 0;; k++) {
+        std::size_t t_Fin = 0;
+        while (k > 0 && (t_Fin = FinUnite(s_Attente, b_Donnees)) == 0) {
+            ssize_t n = read(i_Fd, pc, sizeof pc);
+            if (n <= 0) _exit(0);
+            EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
+            s_Attente.append(pc, static_cast<std::size_t>(n));
         }
+        std::string s_Unite = s_Attente.substr(0, t_Fin);
+        s_Attente.erase(0, t_Fin);
+        if (k >= v_Script.size()) continue;
         const EtapeLmtp &e = v_Script[k];
-        if (e.e_Action == EtapeLmtp::Fermer) {
-            close(i_Fd);
-            _exit(0);
-        }
-        if (e.e_Action == EtapeLmtp::Bloquer) {
+        if (e.e_Action == EtapeLmtp::Fermer) _exit(0);
+        if (e.e_Action == EtapeLmtp::Bloquer)
             for (;;) pause();
-        }
         std::string s_Rep = e.f_Reponse ? e.f_Reponse(s_Unite) : e.s_Reponse;
         b_Donnees = !b_Donnees && strncasecmp(s_Unite.c_str(), "DATA", 4) == 0 &&
                     s_Rep.compare(0, 3, "354") == 0;
@@ -83,12 +79,6 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
         if (e.b_BloqueApres)
             for (;;) pause();
     }
-    for (;;) {
-        ssize_t n = read(i_Fd, pc, sizeof pc);
-        if (n <= 0) break;
-        EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
-    }
-    _exit(0);
 }
 
 // Reads a descriptor to its end into the text, up to the deadline.
@@ -133,18 +123,8 @@ EtapeLmtp Rep(const std::string &s_Texte) {
     e.s_Reponse = s_Texte;
     return e;
 }
-
-EtapeLmtp Ferme() {
-    EtapeLmtp e;
-    e.e_Action = EtapeLmtp::Fermer;
-    return e;
-}
-
-EtapeLmtp Bloque() {
-    EtapeLmtp e;
-    e.e_Action = EtapeLmtp::Bloquer;
-    return e;
-}
+EtapeLmtp Ferme() { return {.e_Action = EtapeLmtp::Fermer, .s_Reponse = {}, .f_Reponse = {}}; }
+EtapeLmtp Bloque() { return {.e_Action = EtapeLmtp::Bloquer, .s_Reponse = {}, .f_Reponse = {}}; }
 
 ServeurLmtpEssai::ServeurLmtpEssai(std::vector<EtapeLmtp> v_Script, bool b_Unix) {
     char pc_Modele[] = "/tmp/lmtp-essai.XXXXXX";

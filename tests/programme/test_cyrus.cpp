@@ -12,8 +12,6 @@
 #include <vector>
 
 #include "annuaire_essai.h"
-#include "codec/codec.h"
-#include "message/message.h"
 #include "cyrus_essai.h"
 #include "processus.h"
 
@@ -22,34 +20,26 @@ namespace {
 const std::string PROG = CHEMIN_REMISE_VORANE_ESSAI;
 const std::string EMETTEUR = "ext@partenaire.test";
 
-// A mailbox entry of the directory (uid = mailbox name).
-std::string Boite(const std::string &s_Uid, const std::string &s_Remise = "LMTP") {
-    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
-                                      "uid: " + s_Uid + "\ncn: " + s_Uid + "\nsn: " + s_Uid +
-                                          "\nmail: " + s_Uid + "@vorane.example\n"
-                                          "ravokVixRemise: " + s_Remise + "\n");
-}
-
-// Mailboxes of the store, one set per test so that counts stay readable.
-const std::vector<std::string> BOITES = {"alice", "bob",    "carole", "dave",  "eve",  "franck",
-                                         "gilles", "helene", "ines",   "plein", "julie"};
-// More mailboxes for one transaction whose final replies exceed one read.
-std::vector<std::string> Nombreuses() {
-    std::vector<std::string> v;
-    for (int i = 1; i <= 20; i++) v.push_back("m" + std::to_string(100 + i));
+// Mailboxes of the store, one set per test so that counts stay readable;
+// m101 to m120 take one transaction whose final replies exceed one read.
+std::vector<std::string> Boites() {
+    std::vector<std::string> v = {"alice", "carole", "gilles", "helene", "plein"};
+    for (int i = 101; i <= 120; i++) v.push_back("m" + std::to_string(i));
     return v;
 }
 
-// The directory: every mailbox, one LMTP entry without a mailbox in the
-// store, and the external sender.
+// The directory: every mailbox (uid = mailbox name), one LMTP entry without
+// a mailbox in the store, and the external sender.
 std::string Entrees() {
+    std::vector<std::string> v = Boites();
+    v.push_back("fantome");
     std::string s;
-    for (const std::string &b : BOITES) s += Boite(b);
-    for (const std::string &b : Nombreuses()) s += Boite(b);
-    s += Boite("fantome");
-    s += EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
-                               "mail: ext@partenaire.test\n");
-    return s;
+    for (const std::string &b : v)
+        s += EntreeLdif("uid=" + b, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + b +
+                                        "\ncn: " + b + "\nsn: " + b + "\nmail: " + b +
+                                        "@vorane.example\nravokVixRemise: LMTP\n");
+    return s + EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
+                                     "mail: ext@partenaire.test\n");
 }
 
 // A Message-ID unique within this test process (each has its own store).
@@ -60,14 +50,13 @@ std::string NouvelId() {
 }
 
 // A message as Postfix hands it over (flag R: Return-Path first), from the
-// external sender through an internet relay.  An empty id gives an empty
-// Message-ID field.
+// external sender through an internet relay.
 std::string Message(const std::string &s_Id, const std::string &s_Sujet, const std::string &s_Corps,
                     const std::string &s_EnPlus = "") {
     return "Return-Path: <" + EMETTEUR + ">\n"
            "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
            "Date: Sun, 22 Nov 2026 10:00:00 +0100\n"
-           "Message-ID:" + (s_Id.empty() ? "" : " <" + s_Id + ">") + "\n"
+           "Message-ID: <" + s_Id + ">\n"
            "From: Jean Dupont <" + EMETTEUR + ">\n"
            "To: destinataires@vorane.example\n"
            "Subject: " + s_Sujet + "\n" + s_EnPlus + "\n" + s_Corps;
@@ -120,24 +109,20 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, Entrees())) << sst_Annuaire.s_Erreur;
         ASSERT_TRUE(DemarreCyrus(&sst_Cyrus)) << sst_Cyrus.s_Erreur;
-        std::vector<std::string> v = BOITES;
-        for (const std::string &b : Nombreuses()) v.push_back(b);
-        v.push_back("julie.Spam");
-        ASSERT_TRUE(CreeBoites(&sst_Cyrus, v)) << sst_Cyrus.s_Erreur;
-        ASSERT_TRUE(AutorisePost(&sst_Cyrus, "julie.Spam")) << sst_Cyrus.s_Erreur;
+        std::vector<std::string> v;
+        for (const std::string &b : Boites()) v.push_back("CREATE user." + b);
+        ASSERT_TRUE(CommandesImap(&sst_Cyrus, v)) << sst_Cyrus.s_Erreur;
     }
     static void TearDownTestSuite() {
         ArreteCyrus(&sst_Cyrus);
         ArreteAnnuaire(&sst_Annuaire);
     }
 
-    // Runs the program as Postfix's pipe transport does, towards the
-    // suite's store or the one given.
+    // Runs the program as Postfix's pipe transport does.
     ResultatProcessus Lance(const std::vector<std::string> &v_Dest, const std::string &s_Message,
                             const std::vector<std::string> &v_Options = {},
-                            const CyrusEssai *pst_Cyrus = &sst_Cyrus,
                             const std::string &s_Emetteur = EMETTEUR) {
-        std::vector<std::string> v = {PROG, "-r", pst_Cyrus->s_Socket, "-l", sst_Annuaire.s_Hote};
+        std::vector<std::string> v = {PROG, "-r", sst_Cyrus.s_Socket, "-l", sst_Annuaire.s_Hote};
         v.insert(v.end(), v_Options.begin(), v_Options.end());
         v.insert(v.end(), {"-e", s_Emetteur, "-d"});
         v.insert(v.end(), v_Dest.begin(), v_Dest.end());
@@ -159,12 +144,8 @@ CyrusEssai Cyrus::sst_Cyrus;
 
 // Bodies that an unstuffed or badly stuffed data phase would cut short or
 // alter: lines ".", "..", ".x", a "." line last, no final line feed, no
-// body at all, and dot lines around every offset where the body is read in
-// pieces.  Each arrives byte for byte behind the rewritten header.
+// body at all.  Each arrives byte for byte behind the rewritten header.
 TEST_F(Cyrus, CorpsPointsIntacts) {
-    std::string s_Pieces;
-    const char *tpc_Lignes[] = {".\n", "..\n", ".x\n", "...\n"};
-    for (int i = 0; s_Pieces.size() < 140000; i++) s_Pieces += tpc_Lignes[i % 4];
     struct Cas {
         const char *pc_Nom;
         std::string s_Corps;
@@ -173,8 +154,6 @@ TEST_F(Cyrus, CorpsPointsIntacts) {
         {"points", "premiere ligne\n.\n..\n.x\n...\n x.\n. \n\n.\n"},
         {"sans saut final", "ligne\n.fin"},
         {"corps vide", ""},
-        {"point en tete", ".\nsuite\n"},
-        {"morceaux", s_Pieces},
     };
     for (const Cas &c : tst_Cas) {
         SCOPED_TRACE(c.pc_Nom);
@@ -199,47 +178,8 @@ TEST_F(Cyrus, CorpsPointsIntacts) {
     }
 }
 
-// An 8-bit Subject is encoded by the program, so the store keeps it intact
-// (it decodes back to the original bytes).  The original stays in the trace
-// header as raw bytes: a store left at Cyrus's default replaces each 8-bit
-// byte there by "X"; one told to keep 8-bit headers stores them unchanged.
-TEST_F(Cyrus, Sujet8bitsEncode) {
-    CyrusEssai st_Garde8bits;
-    struct Arret {
-        CyrusEssai *pst;
-        ~Arret() { ArreteCyrus(pst); }
-    } st_Arret{&st_Garde8bits};
-    OptionsCyrus st_Options;
-    st_Options.b_Garde8bits = true;
-    ASSERT_TRUE(DemarreCyrus(&st_Garde8bits, st_Options)) << st_Garde8bits.s_Erreur;
-    ASSERT_TRUE(CreeBoites(&st_Garde8bits, {"bob"})) << st_Garde8bits.s_Erreur;
-
-    const std::string s_Original = "caf\xe9 cr\xe8me br\xfbl\xe9" "e";
-    struct Cas {
-        CyrusEssai *pst;
-        std::string s_TraceStockee;
-    };
-    const Cas tst_Cas[] = {{&sst_Cyrus, "cafX crXme brXlXe"}, {&st_Garde8bits, s_Original}};
-    for (const Cas &c : tst_Cas) {
-        SCOPED_TRACE(c.pst == &sst_Cyrus ? "munge8bit" : "8 bits kept");
-        ResultatProcessus r = Lance({"bob@vorane.example"}, Message(NouvelId(), s_Original, "corps\n"),
-                                    {}, c.pst);
-        ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-        std::vector<std::string> v = MessagesStockes(*c.pst, "bob");
-        ASSERT_EQ(v.size(), 1u);
-        MessageStocke st = DecoupeMessage(v[0]);
-        std::string s_Sujet = ValeurChamp(st.s_Entete, "Subject");
-        EXPECT_EQ(s_Sujet, "=?iso8859-15?Q?caf=E9_cr=E8me_br=FBl=E9e?=");
-        char Pc_Decode[TAILLE_TEXTE];
-        DecodeQP(s_Sujet.c_str(), "ISO-8859-15", Pc_Decode, sizeof Pc_Decode);
-        EXPECT_EQ(std::string(Pc_Decode), s_Original);
-        EXPECT_NE(st.s_Entete.find("\t+ sujet original: " + c.s_TraceStockee + "\n"), std::string::npos)
-            << st.s_Entete;
-        EXPECT_EQ(st.s_Corps, "corps\n\n");
-    }
-}
-
-// A 10 MB body with dot lines and 8-bit bytes streams through whole.
+// A 10 MB body with dot lines (many of them where one piece of the body
+// read ends and the next begins) and 8-bit bytes streams through whole.
 TEST_F(Cyrus, CorpsDixMegaoctets) {
     std::string s_Corps;
     s_Corps.reserve(10 * 1024 * 1024 + 300);
@@ -257,55 +197,62 @@ TEST_F(Cyrus, CorpsDixMegaoctets) {
     ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
     ASSERT_EQ(Nombre("carole"), 1u);
     MessageStocke st = DecoupeMessage(Dernier("carole"));
-    EXPECT_EQ(ValeurChamp(st.s_Entete, "Message-ID"), "<" + s_Id + ">");
+    EXPECT_NE(st.s_Entete.find("\nMessage-ID: <" + s_Id + ">\n"), std::string::npos);
     EXPECT_EQ(Difference(st.s_Corps, s_Corps + "\n"), "");
 }
 
-// Three mailbox recipients in one run: one message in each of the three
-// mailboxes, the same one, and a delivery marker for each.
-TEST_F(Cyrus, TroisBoites) {
+// Twenty mailbox recipients (one written in capitals) in one transaction:
+// lmtpd's final replies (one line per recipient) no longer fit in one read.
+// Every mailbox gets exactly one copy of the rewritten message and its
+// delivery marker, and the run ends with 0 and its one information line.
+TEST_F(Cyrus, VingtBoitesUneTransaction) {
+    const std::string s_Remises = std::string(RACINE_SPOOL_ESSAI) + "Remises/";
+    std::vector<std::string> v_Boites = Boites(), v_Dest;
+    v_Boites.erase(v_Boites.begin(), v_Boites.end() - 20);  // m101 to m120
+    for (const std::string &b : v_Boites) {
+        std::filesystem::remove(s_Remises + b);
+        v_Dest.push_back(b + "@vorane.example");
+    }
+    v_Dest[1] = "M102@Vorane.Example";
     std::string s_Id = NouvelId();
-    ResultatProcessus r = Lance({"dave@vorane.example", "Eve@Vorane.Example", "franck@vorane.example"},
-                                Message(s_Id, "trois", "pour trois\n"));
+    ResultatProcessus r = Lance(v_Dest, Message(s_Id, "vingt", "pour vingt\n"));
     ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
     EXPECT_EQ(r.s_Erreur, "remise-vorane[" + std::to_string(r.i_Pid) + "]: message-id=<" + s_Id +
-                              ">, from=<ext@partenaire.test>, to=<->(-/3)\n");
-    std::string s_Premier;
-    for (const char *pc : {"dave", "eve", "franck"}) {
-        SCOPED_TRACE(pc);
-        std::vector<std::string> v = MessagesStockes(sst_Cyrus, pc);
+                              ">, from=<ext@partenaire.test>, to=<->(-/20)\n");
+    for (const std::string &b : v_Boites) {
+        SCOPED_TRACE(b);
+        std::vector<std::string> v = MessagesStockes(sst_Cyrus, b);
         ASSERT_EQ(v.size(), 1u);
         std::string s_Livre = SansDate(SansCr(v[0]));
-        s_Livre = s_Livre.substr(s_Livre.find("X-Remise-Vorane: "));
-        EXPECT_EQ(s_Livre, EnteteLivre(s_Id, "trois") + "\npour trois\n\n");
-        EXPECT_TRUE(std::filesystem::exists(std::string(RACINE_SPOOL_ESSAI) + "Remises/" + pc));
+        std::size_t p = s_Livre.find("X-Remise-Vorane: ");
+        ASSERT_NE(p, std::string::npos) << s_Livre;
+        EXPECT_EQ(s_Livre.substr(p), EnteteLivre(s_Id, "vingt") + "\npour vingt\n\n");
+        EXPECT_TRUE(std::filesystem::exists(s_Remises + b));
     }
 }
 
-// Twenty recipients in one transaction: lmtpd's final replies (one line per
-// recipient) no longer fit in one read; every mailbox still gets exactly one
-// copy and the run ends with 0.
-TEST_F(Cyrus, VingtBoitesUneTransaction) {
-    std::vector<std::string> v_Dest;
-    for (const std::string &b : Nombreuses()) v_Dest.push_back(b + "@vorane.example");
-    ResultatProcessus r = Lance(v_Dest, Message(NouvelId(), "vingt", "corps\n"));
+// Recipients the store refuses among two it knows: one whose mailbox it
+// does not know, one whose mailbox is over its quota (refused at the
+// recipient command with 452).  The two are delivered, the refused ones get
+// nothing, the run ends with 0, and the level-4 report on standard error
+// gives lmtpd's three-line 550 reply as received and names the full
+// mailbox.  (The store lets one message take a mailbox past its quota: the
+// first run fills it.)
+TEST_F(Cyrus, DestinatairesRefusesParmiDautres) {
+    ASSERT_TRUE(CommandesImap(&sst_Cyrus, {"SETQUOTA user.plein (STORAGE 1)"})) << sst_Cyrus.s_Erreur;
+    ResultatProcessus r = Lance({"plein@vorane.example"},
+                                Message(NouvelId(), "remplissage", std::string(3000, 'r') + "\n"));
     ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_EQ(r.s_Erreur.find("!ERR"), std::string::npos) << r.s_Erreur;
-    for (const std::string &b : Nombreuses()) EXPECT_EQ(Nombre(b), 1u) << b;
-}
+    ASSERT_EQ(Nombre("plein"), 1u);
 
-// A recipient whose mailbox the store does not know, among two it knows:
-// the two are delivered, the run ends with 0, and lmtpd's refusal (its
-// three-line 550 reply, as received) is on standard error in the level-4
-// report.
-TEST_F(Cyrus, BoiteInconnueParmiDautres) {
     std::string s_Id = NouvelId();
-    ResultatProcessus r =
-        Lance({"gilles@vorane.example", "fantome@vorane.example", "helene@vorane.example"},
-              Message(s_Id, "inconnue", "corps\n"));
+    r = Lance({"gilles@vorane.example", "fantome@vorane.example", "plein@vorane.example",
+               "helene@vorane.example"},
+              Message(s_Id, "refus", "corps\n"));
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
     EXPECT_EQ(Nombre("gilles"), 1u);
     EXPECT_EQ(Nombre("helene"), 1u);
+    EXPECT_EQ(Nombre("plein"), 1u);
     EXPECT_NE(r.s_Erreur.find(
                   " !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: "
                   "Les destinataires suivants n'ont pas recu votre message:\n\n"
@@ -313,7 +260,9 @@ TEST_F(Cyrus, BoiteInconnueParmiDautres) {
                   "550-Mailbox unknown.  Either there is no mailbox associated with this\r\n"
                   "550-name or you do not have authorization to see it.\r\n"
                   "550 5.1.1 User unknown\r\n\n"
-                  ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/3)\n"),
+                  "Destinataire <plein@vorane.example>, r\xe9ponse du serveur :\n"
+                  "Bo\xeete pleine, message refus\xe9 ...\n"
+                  ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/4)\n"),
               std::string::npos)
         << r.s_Erreur;
     // One warning dump, for this message (an old dump may share the pid).
@@ -327,71 +276,26 @@ TEST_F(Cyrus, BoiteInconnueParmiDautres) {
     EXPECT_EQ(i_Dumps, 1);
 }
 
-// A mailbox over its quota refuses at the recipient command with 452: the
-// other recipient is delivered, the run ends with 0, the full mailbox gets
-// nothing, and the report names it as full.
-TEST_F(Cyrus, BoitePleine) {
-    ASSERT_TRUE(DefinitQuota(&sst_Cyrus, "plein", 1)) << sst_Cyrus.s_Erreur;
-    std::string s_Rep = DeposeDirectement(
-        &sst_Cyrus, "plein", "Message-ID: <" + NouvelId() + ">\n\n" + std::string(3000, 'r') + "\n");
-    ASSERT_EQ(s_Rep.compare(0, 4, "250 "), 0) << sst_Cyrus.s_Erreur;
-    ASSERT_EQ(Nombre("plein"), 1u);
-
-    std::string s_Id = NouvelId();
-    ResultatProcessus r = Lance({"plein@vorane.example", "ines@vorane.example"},
-                                Message(s_Id, "quota", "corps\n"));
-    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_EQ(Nombre("ines"), 1u);
-    EXPECT_EQ(Nombre("plein"), 1u);
-    EXPECT_NE(r.s_Erreur.find(
-                  " !ERR:4, v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: "
-                  "Les destinataires suivants n'ont pas recu votre message:\n\n"
-                  "Destinataire <plein@vorane.example>, r\xe9ponse du serveur :\n"
-                  "Bo\xeete pleine, message refus\xe9 ...\n"
-                  ". message-id=<" + s_Id + ">, from=<ext@partenaire.test>, to=<->(-/2)\n"),
-              std::string::npos)
-        << r.s_Erreur;
-}
-
-// A message flagged as spam goes to the folder named by -s (the store
-// reaches user.julie.Spam through "julie+Spam"); an unflagged one, with the
-// empty -c suffix, to the INBOX.
-TEST_F(Cyrus, SuffixeSpam) {
-    const std::vector<std::string> v_Options = {"-c", "", "-s", "+Spam"};
-    ResultatProcessus r = Lance({"julie@vorane.example"},
-                                Message(NouvelId(), "pub", "achetez\n", "X-Spam-Flag: YES\n"), v_Options);
-    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    r = Lance({"julie@vorane.example"}, Message(NouvelId(), "ami", "bonjour\n"), v_Options);
-    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_EQ(DecoupeMessage(Dernier("julie.Spam")).s_Corps, "achetez\n\n");
-    EXPECT_EQ(Nombre("julie.Spam"), 1u);
-    EXPECT_EQ(DecoupeMessage(Dernier("julie")).s_Corps, "bonjour\n\n");
-    EXPECT_EQ(Nombre("julie"), 1u);
-}
-
 // Messages that lmtpd refuses for their content after the data ("554
 // 5.6.0"): a header line without a colon (a sender can write one; Postfix
-// passes it on), an empty Message-ID, a bare CR in a header field, a NUL
-// byte in the body.  Nothing is stored; the refusal is final (a retry would
-// get it again), so the message goes back to its sender: status 65 with the
+// passes it on) and a NUL byte in the body (which must reach the store, not
+// cut the line).  Nothing is stored; the refusal is final (a retry would get
+// it again), so the message goes back to its sender: status 65 with the
 // report on standard error for Postfix's bounce, since this build sends no
 // notice of its own.
 TEST_F(Cyrus, RefusDuContenu) {
     struct Cas {
-        const char *pc_Nom;
-        std::string s_Id, s_EnPlus, s_Corps, s_Reponse;
+        std::string s_EnPlus, s_Corps, s_Reponse;
     };
     const Cas tst_Cas[] = {
-        {"ligne sans deux-points", NouvelId(), "Ceci n'est pas un champ\n", "corps\n", "invalid header"},
-        {"Message-ID vide", "", "", "corps\n", "invalid header"},
-        {"CR seul", NouvelId(), "X-Essai: a\rb\n", "corps\n", "invalid header"},
-        {"NUL dans le corps", NouvelId(), "", std::string("cor\0ps\n", 7), "NUL characters"},
+        {"Ceci n'est pas un champ\n", "corps\n", "invalid header"},
+        {"", std::string("cor\0ps\n", 7), "NUL characters"},
     };
     for (const Cas &c : tst_Cas) {
-        SCOPED_TRACE(c.pc_Nom);
+        SCOPED_TRACE(c.s_Reponse);
         std::size_t n = Nombre("alice");
-        ResultatProcessus r = Lance({"alice@vorane.example"},
-                                    Message(c.s_Id, "refus", c.s_Corps, c.s_EnPlus));
+        ResultatProcessus r =
+            Lance({"alice@vorane.example"}, Message(NouvelId(), "refus", c.s_Corps, c.s_EnPlus));
         EXPECT_EQ(r.i_Statut, 65) << r.s_Erreur;
         EXPECT_EQ(Nombre("alice"), n);
         const std::string s_Reponse = "554 5.6.0 Message contains " + c.s_Reponse + "\r\n";
@@ -419,8 +323,8 @@ TEST_F(Cyrus, EmetteurRefuse) {
         SCOPED_TRACE(s_Emetteur);
         std::size_t n = Nombre("alice");
         std::string s_Id = NouvelId();
-        ResultatProcessus r = Lance({"alice@vorane.example"}, Message(s_Id, "emetteur", "corps\n"), {},
-                                    &sst_Cyrus, s_Emetteur);
+        ResultatProcessus r =
+            Lance({"alice@vorane.example"}, Message(s_Id, "emetteur", "corps\n"), {}, s_Emetteur);
         EXPECT_EQ(r.i_Statut, 65) << r.s_Erreur;
         EXPECT_EQ(Nombre("alice"), n);
         EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/4546: Message refuse par le serveur LMTP: "
