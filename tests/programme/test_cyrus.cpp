@@ -178,6 +178,22 @@ TEST_F(Cyrus, CorpsPointsIntacts) {
     }
 }
 
+// An 8-bit Subject reaches the store encoded, so the store keeps it whole
+// (it would turn raw 8-bit header bytes into "X", as it does in the trace
+// header's copy of the original).
+TEST_F(Cyrus, Sujet8bitsEncode) {
+    std::size_t n = Nombre("alice");
+    ResultatProcessus r = Lance({"alice@vorane.example"},
+                                Message(NouvelId(), "caf\xe9 cr\xe8me", "corps\n"));
+    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    ASSERT_EQ(Nombre("alice"), n + 1);
+    std::string s_Stocke = SansCr(Dernier("alice"));
+    EXPECT_NE(s_Stocke.find("\nSubject: =?iso8859-15?Q?caf=E9_cr=E8me?=\n\ncorps\n"),
+              std::string::npos)
+        << s_Stocke;
+    EXPECT_NE(s_Stocke.find("\t+ sujet original: cafX crXme\n"), std::string::npos) << s_Stocke;
+}
+
 // A 10 MB body with dot lines (many of them where one piece of the body
 // read ends and the next begins) and 8-bit bytes streams through whole.
 TEST_F(Cyrus, CorpsDixMegaoctets) {
