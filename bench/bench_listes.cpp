@@ -15,8 +15,8 @@
 
 #include "annuaire_essai.h"
 #include "directory/directory.h"
-#include "driver/driver.h"
 #include "message/message.h"
+#include "socle.h"
 
 namespace {
 

@@ -22,7 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "driver/driver.h"
+#include "socle.h"
 #include "transport/transport.h"
 
 namespace {

@@ -15,9 +15,9 @@
 #include <cstring>
 #include <iconv.h>
 
-#include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

@@ -21,10 +21,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"
+#include "socle.h"
 
 LDAP *gld = nullptr;
 

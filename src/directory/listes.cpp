@@ -21,9 +21,9 @@
 #include <cstring>
 #include <strings.h>
 
-#include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

@@ -24,7 +24,6 @@
 
 #include "codec/codec.h"
 #include "directory/directory.h"
-#include "driver/deploiement.h"
 #include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"

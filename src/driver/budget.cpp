@@ -17,11 +17,8 @@
 #include <ctime>
 #include <unistd.h>
 
-#include "driver/deploiement.h"
 #include "driver/driver.h"
 #include "report/report.h"
-
-volatile sig_atomic_t gi_PidCommandeEnCours = 0;
 
 namespace {
 

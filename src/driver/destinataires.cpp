@@ -23,7 +23,6 @@
 #include <unistd.h>
 
 #include "directory/directory.h"
-#include "driver/deploiement.h"
 #include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"

@@ -5,28 +5,14 @@
 // delivery form: options, postmaster address, main-server list, envelope
 // checks, and the delivery itself.  Every other path ends the process.
 //
-// The process-wide values of the message in progress live here; every Part
-// of the program reads them, most of all the reporting of report.h.
+// The driver is the top floor: nothing else of the program includes this
+// header.  The process-wide values it sets live in the bottom unit socle.h.
 #pragma once
 
-#include <csignal>
-#include <cstddef>
-
 #include "message/message.h"
+#include "socle.h"
 
-constexpr const char *VERSION_VORANE = "1.1.0";
 constexpr int NB_MAX_SERVEURS_PRINCIPAUX = 20;
-
-extern char *gpc_MailFrom;                  // envelope sender, lower-cased
-extern char **gtpc_RcptTo;                  // envelope recipients (argv tail)
-extern const char *gpc_RcptTo;              // recipient in hand, or "-"
-extern int gi_nbDestLcmd;                   // number of envelope recipients
-extern char *gpc_AdPostmaster;              // "display" <postmaster>
-extern int gi_OnEstSurServeurPrincipal;     // running on the main server
-extern char gPc_InfoMessEnCours[TAILLE_TEXTE];  // description of the message
-extern char gPc_MessageId[TAILLE_TEXTE];
-extern int gi_EmetteurZeldor;               // sender found in the directory
-extern int gi_EmetteurZeldorBoite;          // sender entry is a mailbox
 
 // Values of one run that the command line sets and the later stages read.
 struct OptionsRemise {
@@ -85,9 +71,6 @@ void MajInfoMessEnCours(const char *pc_MessageId, int i_Rang);
 // Arms the time budget of the run (gi_BudgetExecution seconds): when it is
 // spent, the command in progress is killed and the process ends with 75.
 void ArmeBudgetExecution();
-// Process id of the submission command in progress (0: none), killed when
-// the budget is spent; set by whoever starts such a command.
-extern volatile sig_atomic_t gi_PidCommandeEnCours;
 
 // 1 when the main-server value names one of the listed servers (any case).
 int EstServeurPrincipal(char *const *tpc_Serveurs, const char *pc_Valeur);

@@ -25,19 +25,7 @@
 #include <sys/stat.h>
 #include <syslog.h>
 
-#include "driver/deploiement.h"
 #include "report/report.h"
-
-char *gpc_MailFrom = nullptr;
-char **gtpc_RcptTo = nullptr;
-const char *gpc_RcptTo = nullptr;
-int gi_nbDestLcmd = 0;
-char *gpc_AdPostmaster = nullptr;
-int gi_OnEstSurServeurPrincipal = 1;
-char gPc_InfoMessEnCours[TAILLE_TEXTE] = "";
-char gPc_MessageId[TAILLE_TEXTE] = "";
-int gi_EmetteurZeldor = 0;
-int gi_EmetteurZeldorBoite = 0;
 
 namespace {
 

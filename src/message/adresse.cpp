@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "driver/driver.h"
 #include "message/message.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

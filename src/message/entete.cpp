@@ -37,11 +37,8 @@
 #include <strings.h>
 #include <syslog.h>
 
-#include "driver/driver.h"
 #include "report/report.h"
-
-Entete *gpet_EnteteMessOrigine = nullptr;
-Entete *gpet_EnteteMess = nullptr;
+#include "socle.h"
 
 namespace {
 

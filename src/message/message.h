@@ -4,11 +4,10 @@
 // header lookups, address extraction, the joker-pattern matcher, bounded
 // copies and case folding, text tables, and the time, file and alarm helpers.
 //
-// Buffer sizes used throughout the program are named here once:
-//   TAILLE_ADRESSE 256 (addresses), TAILLE_PHRASE 512 (display names and
-//   phrases), TAILLE_TEXTE 1024 (general texts, descriptions, file names),
-//   TAILLE_FILTRE 320 (directory filters), TAILLE_LECTURE 1024 (one read of
-//   the message: at most 1023 bytes a piece).
+// The buffer sizes used throughout the program (TAILLE_ADRESSE 256,
+// TAILLE_PHRASE 512, TAILLE_TEXTE 1024, TAILLE_FILTRE 320, TAILLE_LECTURE
+// 1024: one read of the message is at most 1023 bytes), the Entete node and
+// the two header lists of the message in progress are in socle.h.
 #pragma once
 
 #include <csignal>
@@ -17,27 +16,11 @@
 #include <cstdio>
 #include <ctime>
 
-constexpr std::size_t TAILLE_ADRESSE = 256;
-constexpr std::size_t TAILLE_PHRASE = 512;
-constexpr std::size_t TAILLE_TEXTE = 1024;
-constexpr std::size_t TAILLE_FILTRE = 320;
-constexpr std::size_t TAILLE_LECTURE = 1024;
+#include "socle.h"
 
 // ---------------------------------------------------------------------------
 // Header line lists and the message reader (entete.cpp).
 // ---------------------------------------------------------------------------
-
-// One line of the message as read (line feed included); a folded header
-// field is one node whose text holds its continuation lines.
-struct Entete {
-    char *pc_Ligne;
-    Entete *pet_Suivant;
-};
-
-// The incoming header as read (never changed) and the working copy that is
-// rewritten and delivered; the body follows in the working list once loaded.
-extern Entete *gpet_EnteteMessOrigine;
-extern Entete *gpet_EnteteMess;
 
 // Minimum size that makes ChargeLigne adopt the text instead of copying it.
 constexpr std::size_t ADOPTE_TEXTE = static_cast<std::size_t>(-1);

@@ -23,9 +23,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
-#include "message/message.h"
+#include "socle.h"
 
 namespace {
 

@@ -8,10 +8,9 @@
 #include <cstring>
 #include <strings.h>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "report/report.h"
 #include "rules/rules.h"
+#include "socle.h"
 
 // Labels and marks of the zones, in row order; the last row is "no zone".
 const char *const gtpc_LibelleZone[NB_ZONES] = {

@@ -5,7 +5,7 @@
 // its Received lines.
 //   ZoneOrigine(header)   the index of the first zone (table order) whose
 //       pattern matches one of the header's Received lines, NB_ZONES - 1
-//       when none does.  The patterns are site data (deploiement.h), compiled
+//       when none does.  The patterns are site data (socle.h), compiled
 //       case-insensitively, unanchored, once per process.
 //   VerifPassageZone(header, pattern)  1 when a line beginning "received:"
 //       (any case) matches the compiled pattern, else 0.

@@ -26,9 +26,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

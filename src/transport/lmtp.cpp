@@ -36,9 +36,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

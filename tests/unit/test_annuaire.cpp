@@ -9,11 +9,10 @@
 
 #include "annuaire_essai.h"
 #include "directory/directory.h"
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "enfant_essai.h"
 #include "message/message.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

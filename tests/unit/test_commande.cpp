@@ -13,10 +13,10 @@
 #include <unistd.h>
 #include <vector>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
+#include "driver/driver.h"
+#include "socle.h"
 #include "transport/transport.h"
 
 namespace {

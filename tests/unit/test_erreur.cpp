@@ -7,10 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "driver/driver.h"
 #include "message/message.h"
 #include "processus.h"
 #include "report/report.h"
+#include "socle.h"
 
 namespace {
 

@@ -12,9 +12,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "driver/deploiement.h"
-#include "driver/driver.h"
 #include "serveur_lmtp.h"
+#include "socle.h"
 #include "transport/transport.h"
 
 namespace {
