@@ -418,26 +418,45 @@ const char *RecupValeurTableau(char *const *tpc_Valeurs, const char *pc_Prefixe)
 // Releases a value list made by RecupUneEntreeLdap.
 void LibereValeursLdap(char **tpc_Valeurs) { free(tpc_Valeurs); }
 
-// "(attribute=value)" with the value's filter metacharacters written as
-// \XX escapes, so that an address can neither widen nor break the filter.
-// A filter that does not fit is refused: a cut filter would look up
-// another address.
+// The value with the filter metacharacters "*", "(", ")" and "\\" written as
+// \XX escapes, so that an address inserted into a filter can neither widen
+// nor break it; the length written, or -1 (output emptied) when it does not
+// fit: a cut value would look up another address.
+int EchappeValeurLdap(const char *pc_Valeur, char *pc_Sortie, std::size_t t_Taille) {
+    static const char pc_Hexa[] = "0123456789abcdef";
+    if (t_Taille == 0) return -1;
+    std::size_t t_Pos = 0;
+    pc_Sortie[0] = '\0';
+    bool b_Ok = true;
+    for (const char *pc = pc_Valeur != nullptr ? pc_Valeur : ""; b_Ok && *pc != '\0'; pc++) {
+        unsigned char c = static_cast<unsigned char>(*pc);
+        if (c == '*' || c == '(' || c == ')' || c == '\\') {
+            char pc_Echappe[3] = {'\\', pc_Hexa[c >> 4], pc_Hexa[c & 0x0f]};
+            b_Ok = Ajoute(pc_Sortie, t_Taille, &t_Pos, pc_Echappe, sizeof pc_Echappe);
+        } else {
+            b_Ok = Ajoute(pc_Sortie, t_Taille, &t_Pos, pc, 1);
+        }
+    }
+    if (!b_Ok) {
+        pc_Sortie[0] = '\0';
+        return -1;
+    }
+    return static_cast<int>(t_Pos);
+}
+
+// "(attribute=value)" with the value escaped; refused (-1, buffer emptied)
+// when it does not fit.
 int ConstruitFiltreLdap(char *pc_Filtre, std::size_t t_Taille, const char *pc_Attr,
                         const char *pc_Valeur) {
-    static const char pc_Hexa[] = "0123456789abcdef";
     if (t_Taille == 0) return -1;
     std::size_t t_Pos = 0;
     bool b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, "(", 1) &&
                 Ajoute(pc_Filtre, t_Taille, &t_Pos, pc_Attr, strlen(pc_Attr)) &&
                 Ajoute(pc_Filtre, t_Taille, &t_Pos, "=", 1);
-    for (const char *pc = pc_Valeur != nullptr ? pc_Valeur : ""; b_Ok && *pc != '\0'; pc++) {
-        unsigned char c = static_cast<unsigned char>(*pc);
-        if (c == '*' || c == '(' || c == ')' || c == '\\') {
-            char pc_Echappe[3] = {'\\', pc_Hexa[c >> 4], pc_Hexa[c & 0x0f]};
-            b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, pc_Echappe, sizeof pc_Echappe);
-        } else {
-            b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, pc, 1);
-        }
+    if (b_Ok) {
+        int i_Long = EchappeValeurLdap(pc_Valeur, pc_Filtre + t_Pos, t_Taille - t_Pos);
+        b_Ok = i_Long >= 0;
+        if (b_Ok) t_Pos += static_cast<std::size_t>(i_Long);
     }
     if (b_Ok) b_Ok = Ajoute(pc_Filtre, t_Taille, &t_Pos, ")", 1);
     if (!b_Ok) {

@@ -23,6 +23,10 @@
 //                             rest of the first value that begins with the
 //                             prefix (any case), blanks skipped; "" if none.
 //   LibereValeursLdap(values) releases one value list (one free).
+//   EchappeValeurLdap(value, buf, size)
+//                             the value with "*", "(", ")", "\\" written as
+//                             \XX escapes; its length, or -1 when it does not
+//                             fit (never truncated).
 //   ConstruitFiltreLdap(buf, size, attribute, value)
 //                             "(attribute=value)" with the value escaped for
 //                             filter syntax; -1, buffer emptied, when it does
@@ -97,6 +101,9 @@ const char *RecupValeurTableau(char *const *tpc_Valeurs, const char *pc_Prefixe)
 // Releases a value list (null is accepted).
 void LibereValeursLdap(char **tpc_Valeurs);
 
+// Escapes a value for a filter ("*", "(", ")", "\\" as \XX); its length, or
+// -1 when it does not fit.
+int EchappeValeurLdap(const char *pc_Valeur, char *pc_Sortie, std::size_t t_Taille);
 // Builds an equality filter with the value escaped; 0, or -1 when too long.
 int ConstruitFiltreLdap(char *pc_Filtre, std::size_t t_Taille, const char *pc_Attr,
                         const char *pc_Valeur);

@@ -19,9 +19,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#define PCRE2_CODE_UNIT_WIDTH 8
-#include <pcre2.h>
-
 #include "codec/codec.h"
 #include "directory/directory.h"
 #include "driver/driver.h"
@@ -127,26 +124,9 @@ void AnalysePassagePrecedent(AnalyseEmetteur *pst) {
 // is compiled once per process.
 int AdresseSmtpValide() {
     static pcre2_code *sppcre_Adresse = nullptr;
-    if (sppcre_Adresse == nullptr) {
-        int i_Erreur = 0;
-        PCRE2_SIZE t_Position = 0;
-        sppcre_Adresse = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(PC_MOTIF_ADRESSE_SMTP),
-                                       PCRE2_ZERO_TERMINATED, PCRE2_CASELESS, &i_Erreur,
-                                       &t_Position, nullptr);
-        if (sppcre_Adresse == nullptr) {
-            PCRE2_UCHAR pc_Texte[256];
-            pcre2_get_error_message(i_Erreur, pc_Texte, sizeof pc_Texte);
-            TraitementErreur(NIVEAU_ERREUR,
-                             "v1.1.0/3836: Erreur pcre_compile /%s/ (pos=%d, err=%s). %s",
-                             PC_MOTIF_ADRESSE_SMTP, static_cast<int>(t_Position),
-                             reinterpret_cast<char *>(pc_Texte), gPc_InfoMessEnCours);
-            return 0;
-        }
-    }
-    pcre2_match_data *pst_Donnees = pcre2_match_data_create(1, nullptr);
-    int i_Res = pcre2_match(sppcre_Adresse, reinterpret_cast<PCRE2_SPTR>(gpc_MailFrom),
-                            strlen(gpc_MailFrom), 0, 0, pst_Donnees, nullptr);
-    pcre2_match_data_free(pst_Donnees);
+    if (sppcre_Adresse == nullptr) sppcre_Adresse = CompileMotif(PC_MOTIF_ADRESSE_SMTP, 3836);
+    if (sppcre_Adresse == nullptr) return 0;
+    int i_Res = CorrespondMotif(sppcre_Adresse, gpc_MailFrom);
     if (i_Res < PCRE2_ERROR_NOMATCH)
         syslog(LOG_WARNING,
                "v1.1.0/3839: Erreur pcre_exec sur test adresse SMTP Trobine <%s>, cr=%d. %s",

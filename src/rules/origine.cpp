@@ -34,20 +34,8 @@ pcre2_code *sppcre_Zones[NB_MOTIFS_ZONE] = {};
 
 // The compiled pattern of a zone; refuses the message when it does not compile.
 const pcre2_code *MotifZone(int i_Zone) {
-    if (sppcre_Zones[i_Zone] != nullptr) return sppcre_Zones[i_Zone];
-    const char *pc_Motif = gtpc_MotifsZone[i_Zone];
-    int i_Erreur = 0;
-    PCRE2_SIZE t_Position = 0;
-    sppcre_Zones[i_Zone] =
-        pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pc_Motif), PCRE2_ZERO_TERMINATED,
-                      PCRE2_CASELESS, &i_Erreur, &t_Position, nullptr);
-    if (sppcre_Zones[i_Zone] == nullptr) {
-        PCRE2_UCHAR pc_Texte[256];
-        pcre2_get_error_message(i_Erreur, pc_Texte, sizeof pc_Texte);
-        TraitementErreur(NIVEAU_ERREUR, "v1.1.0/3357: Erreur pcre_compile /%s/ (pos=%d, err=%s). %s",
-                         pc_Motif, static_cast<int>(t_Position),
-                         reinterpret_cast<char *>(pc_Texte), gPc_InfoMessEnCours);
-    }
+    if (sppcre_Zones[i_Zone] == nullptr)
+        sppcre_Zones[i_Zone] = CompileMotif(gtpc_MotifsZone[i_Zone], 3357);
     return sppcre_Zones[i_Zone];
 }
 
@@ -55,24 +43,16 @@ const pcre2_code *MotifZone(int i_Zone) {
 
 // 1 when one of the header's Received lines matches the pattern.
 int VerifPassageZone(Entete *pet_Entete, const pcre2_code *pst_Motif) {
-    pcre2_match_data *pst_Donnees = pcre2_match_data_create(1, nullptr);
-    int i_Trouve = 0;
-    for (Entete *pet = pet_Entete; pet != nullptr && !i_Trouve; pet = pet->pet_Suivant) {
+    for (Entete *pet = pet_Entete; pet != nullptr; pet = pet->pet_Suivant) {
         if (strncasecmp(pet->pc_Ligne, PC_RECEIVED, strlen(PC_RECEIVED)) != 0) continue;
-        int i_Res = pcre2_match(pst_Motif, reinterpret_cast<PCRE2_SPTR>(pet->pc_Ligne),
-                                strlen(pet->pc_Ligne), 0, 0, pst_Donnees, nullptr);
+        int i_Res = CorrespondMotif(pst_Motif, pet->pc_Ligne);
         if (i_Res == PCRE2_ERROR_NOMATCH) continue;
-        if (i_Res >= 0) {
-            i_Trouve = 1;
-            continue;
-        }
-        pcre2_match_data_free(pst_Donnees);
+        if (i_Res >= 0) return 1;
         TraitementErreur(NIVEAU_ERREUR, "v1.1.0/3335: Erreur pcre_exec (cr=%d). %s", i_Res,
                          gPc_InfoMessEnCours);
         return 0;
     }
-    pcre2_match_data_free(pst_Donnees);
-    return i_Trouve;
+    return 0;
 }
 
 // Index of the first zone whose pattern matches a Received line.
