@@ -1,5 +1,50 @@
 // rules.h - rules and automatic messages.
 //
+// Regular expressions (motifs.cpp)
+//   CompileMotif(pattern, number, kind)  compiles case-insensitively; a
+//       pattern that does not compile is reported at level 3 with the number
+//       given ("v1.1.0/NNNN: Erreur pcre_compile <kind>/pattern/ ...").
+//   CorrespondMotif(compiled, text)  pcre2_match on the whole text: 0 or more
+//       on a match, PCRE2_ERROR_NOMATCH, or another negative error code.
+//
+// Rule lines (regles.cpp): the values of ravokVixRestrictions and
+// ravokVixReponse.  A line is "KKs TYPE:parameter": a two-character key
+// (lines are evaluated in key order, any case), the sign ("-" refuses, "+"
+// admits; "~" in reply lines), one blank, the test type and its parameter.
+// Types: TOUT always; ZELD sender found in the directory; VIXA its entry is
+// a mailbox; ZELX found but not a mailbox; RAIN / RAEX (reply lines only)
+// found / not found; JOKE a joker pattern, PCRE a regular expression and
+// LDAP a directory search, each tried on the From address (lower-cased)
+// and, when it differs, on the envelope sender.  Malformed lines are logged
+// (3026, 3192 at LOG_WARNING) and skipped.
+//   RestrictionDeRemise(sender, lines)  1 when delivery is refused: the first
+//       true line decides by its sign; with no true line, refused when a
+//       well-formed "+" line was seen.
+//   DetReponseAuto(sender, lines, &text, &freq)  1 when an automatic reply
+//       is due; text points into the lines, freq in minutes (720 by default).
+//       Reply options " DDEB:", " DFIN:", " DSVT:", " FREQ:", " TEXTE:".
+//       A single value that is not a rule line is a plain reply text for
+//       senders found in the directory.
+//   TestRestrLDAP(parameter, address)  entries found by "[base//]template",
+//       every "%s" of the template replaced by the address escaped for filter
+//       syntax; 0 when the search fails (warning 2968).
+// Both evaluators sort and change the lines in place.
+// Level 3: 3005 3161 (syntax patterns), 3097 3281 (PCRE parameters),
+// 2944 2951 (directory filter longer than its 4096-byte buffer).
+//
+// Replies and notices (reponse.cpp)
+//   EnvoiReponse(header, envelope sender, From text, body, label, charset,
+//       Message-Id prefix)  composes a reply to the envelope sender of the
+//       message in progress and submits it through sendmail; 1 when it was
+//       handed over, 0 when a guard suppressed it (2699 2711 2716 2725 2735
+//       2751 2773 2793 at LOG_WARNING; an empty body silently).  Level 3:
+//       2816 (the header has no Delivered-To, Received or X-Loop line).
+//   pc_MiseEnFormeMess(text)  the text with its first "%h" replaced by the
+//       incoming header (10240-byte buffer, valid until the next call);
+//       level 2: 2653.
+//   JetonLibelle(label, token)  the label as a token of ASCII letters and
+//       "_" (at most 63 characters; token buffer TAILLE_JETON).
+//
 // Origin zone (origine.cpp): where a message entered the organisation's
 // mail system, from the relay address literals and webmail clauses found in
 // its Received lines.
@@ -19,6 +64,25 @@
 
 #include "message/message.h"
 
+// Regular expressions.
+pcre2_code *CompileMotif(const char *pc_Motif, int i_Numero, const char *pc_Genre = "");
+int CorrespondMotif(const pcre2_code *pst_Motif, const char *pc_Texte);
+
+// Rule lines.
+int RestrictionDeRemise(const char *pc_Emetteur, char **tpc_Lignes);
+int DetReponseAuto(const char *pc_Emetteur, char **tpc_Lignes, char **ppc_Texte, int *pi_Freq);
+int TestRestrLDAP(const char *pc_Parametre, const char *pc_Adresse);
+constexpr int FREQ_REPONSE_DEFAUT = 720;  // minutes
+
+// Replies and notices.
+constexpr std::size_t TAILLE_JETON = 64;
+int EnvoiReponse(Entete *pet_Entete, const char *pc_EmetteurEnv, const char *pc_From,
+                 const char *pc_Corps, const char *pc_Libelle, const char *pc_Charset,
+                 const char *pc_PrefixeMsgId);
+char *pc_MiseEnFormeMess(char *pc_Texte);
+void JetonLibelle(const char *pc_Libelle, char *pc_Jeton);
+
+// Origin zone.
 constexpr int NB_ZONES = 18;  // rows 0-16 and the "no zone" row
 constexpr int ZONE_AUCUNE = NB_ZONES - 1;
 extern const char *const gtpc_LibelleZone[NB_ZONES];
