@@ -1,20 +1,22 @@
 // destinataires.cpp - the recipient loop and the LMTP delivery.
 //
 // BoucleDestinataires looks every envelope recipient up in the directory, in
-// command-line order, and dispatches on its delivery kind (ravokVixRemise,
-// any case): LMTP recipients are collected, NULL is dropped, ATTENTE ends
-// the run at once with status 75 (Postfix retries the whole message), and
-// every other kind is reported at level -3 so that nothing is lost
-// silently.  The list and Sympa kinds are not delivered by this build: they
-// are reported like an unsupported kind.  After the loop the directory is
-// closed and the collected recipients get one LMTP transaction, at most
-// three attempts gi_DelaiEntreEssaisLmtp (10 s) apart; the run ends with
-// status 0, or 75 after three failed attempts (4549).
+// command-line order, updates the main-server flag from its entry, asks its
+// restrictions (a refused recipient gets nothing, the sender a notice) and
+// its automatic-reply rules (reponses.cpp), then dispatches on its delivery
+// kind (ravokVixRemise, any case): LMTP recipients are collected, NULL is
+// dropped, ATTENTE ends the run at once with status 75 (Postfix retries the
+// whole message), and every other kind is reported at level -3 so that
+// nothing is lost silently.  The list and Sympa kinds are not delivered by
+// this build: they are reported like an unsupported kind.  After the loop
+// the directory is closed and the collected recipients get one LMTP
+// transaction, at most three attempts gi_DelaiEntreEssaisLmtp (10 s) apart;
+// what the store refused for good goes to the sender as a notice; the run
+// ends with status 0, or 75 after three failed attempts (4549).
 // Messages: 4198 not in the directory, 4205 no delivery kind, 4422 list
 // kind not supported, 4499 kind not supported, 4196 recipient too long for a
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
-// ATTENTE (information); 4545 refusal report of the store when some mailbox
-// took the message (level 4), 4546 when none did (level 3).
+// ATTENTE (information).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,7 +33,10 @@
 namespace {
 
 // Delivery kinds and how their value is recognised, in the order tested.
-enum class TypeRemise { Lmtp, Liste, ListeMu, ListeInconnue, Sympa, SympaBounce, Null, Attente, Inconnu };
+enum class TypeRemise {
+    Lmtp, Liste, ListeMu, ListeInconnue, Sympa, SympaBounce, Null, Attente, Inconnu,
+    Refuse  // refused by a restriction: nothing is delivered
+};
 enum class Comparaison { Prefixe, Exacte };
 struct RegleRemise {
     const char *pc_Valeur;
@@ -69,7 +74,8 @@ struct CollecteLmtp {
 };
 
 // Handles one recipient: lookup, main-server flag, dispatch.
-void TraiteDestinataire(OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp) {
+void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
+                        CollecteLmtp *pst_Lmtp) {
     char pc_Filtre[TAILLE_FILTRE];
     if (ConstruitFiltreLdap(pc_Filtre, sizeof pc_Filtre, "mail", gpc_RcptTo) != 0) {
         TraitementErreur(NIVEAU_ERREUR_SUITE,
@@ -99,7 +105,10 @@ void TraiteDestinataire(OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp) {
             gi_OnEstSurServeurPrincipal =
                 EstServeurPrincipal(pst_Options->tpc_ServeursPrincipaux, pc_Principal);
 
-        switch (TypeDeRemise(pc_Remise)) {
+        switch (RestrictionsEtReponse(pst_Analyse, ttpc_Valeurs) ? TypeRemise::Refuse
+                                                                  : TypeDeRemise(pc_Remise)) {
+        case TypeRemise::Refuse:
+            break;
         case TypeRemise::Lmtp: {
             const char *pc_Uid = Valeur("uid");
             char *pc_Copie = pc_Uid != nullptr ? strdup(pc_Uid) : nullptr;
@@ -147,22 +156,6 @@ void TraiteDestinataire(OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp) {
     for (int i = 0; i < NB_ATTR_LDAP_DEST; i++) LibereValeursLdap(ttpc_Valeurs[i]);
 }
 
-// The store refused something for good: the sender is to hear of it.  The
-// notice mail is not built yet, so until it is: when the message reached no
-// mailbox at all it is refused like any level-3 failure without a notice
-// (the report on standard error, status 65 on the main server, so Postfix
-// returns the message to its sender with that text); when some mailboxes
-// took it, the run must end with 0 (a retry would deliver it twice) and the
-// report of the others is kept in the log and a dump file.
-void RapportRefusLmtp(const char *pc_Rapport) {
-    if (gi_BoitesLivreesLmtp == 0)
-        TraitementErreur(NIVEAU_ERREUR, "v1.1.0/4546: Message refuse par le serveur LMTP: %s. %s",
-                         pc_Rapport, gPc_InfoMessEnCours);
-    TraitementErreur(NIVEAU_AVERTISSEMENT,
-                     "v1.1.0/4545: Refus du serveur LMTP, avis a l'emetteur non envoye: %s. %s",
-                     pc_Rapport, gPc_InfoMessEnCours);
-}
-
 // One LMTP transaction for the collected recipients, three attempts at most.
 void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const char *pc_Suffixe) {
     char *pc_Rapport = nullptr;
@@ -171,7 +164,7 @@ void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const 
                                 pst_Lmtp->tpc_Adresses, pc_Suffixe, gpet_EnteteMess, stdin,
                                 &pc_Rapport);
         if (i_Res == 0) {
-            if (pc_Rapport != nullptr) RapportRefusLmtp(pc_Rapport);
+            AvisRefusLmtp(pc_Rapport);
             return;
         }
         if (i_Essais >= 2)
@@ -187,7 +180,6 @@ void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const 
 // The loop over the recipients, then the LMTP delivery; ends the process.
 void BoucleDestinataires(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
                          const char *pc_Suffixe) {
-    (void)pst_Analyse;  // the sender address feeds the restriction and reply rules
     CollecteLmtp st_Lmtp;
     st_Lmtp.tpc_Uid = pst_Options->tpc_UidLmtp;
     st_Lmtp.tpc_Adresses = pst_Options->tpc_AdrLmtp;
@@ -195,7 +187,7 @@ void BoucleDestinataires(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_
     for (int i_Rang = 1; i_Rang <= gi_nbDestLcmd; i_Rang++) {
         gpc_RcptTo = gtpc_RcptTo[i_Rang - 1];
         MajInfoMessEnCours(gPc_MessageId, i_Rang);
-        TraiteDestinataire(pst_Options, &st_Lmtp);
+        TraiteDestinataire(pst_Options, pst_Analyse, &st_Lmtp);
     }
 
     st_Lmtp.tpc_Uid[st_Lmtp.i_Nb] = nullptr;

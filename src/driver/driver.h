@@ -72,5 +72,15 @@ void MajInfoMessEnCours(const char *pc_MessageId, int i_Rang);
 // spent, the command in progress is killed and the process ends with 75.
 void ArmeBudgetExecution();
 
+// Restriction and automatic reply for one recipient whose entry was read
+// (values of gtpc_AttrLdapDest); 1 when a restriction refuses it.
+int RestrictionsEtReponse(const AnalyseEmetteur *pst_Analyse, char **const *ttpc_Valeurs);
+// The store's refusal report as a "Non remis (incident)" notice.
+void AvisRefusLmtp(const char *pc_Rapport);
+// Path of the frequency file of a recipient's uid and a sender, both parts
+// escaped; 0, or -1 when the name would be too long.
+int CheminFrequence(const char *pc_Uid, const char *pc_Emetteur, char *pc_Chemin,
+                    std::size_t t_Taille);
+
 // 1 when the main-server value names one of the listed servers (any case).
 int EstServeurPrincipal(char *const *tpc_Serveurs, const char *pc_Valeur);

@@ -26,6 +26,7 @@
 #include <syslog.h>
 
 #include "report/report.h"
+#include "rules/rules.h"
 
 namespace {
 
@@ -223,6 +224,9 @@ int RemiseVorane(int argc, char **argv) {
     // 2. System log and file-creation mask for the whole run.
     openlog("remise-vorane", LOG_PID | LOG_CONS, LOG_MAIL);
     umask(027);
+
+    // The incident notice of a report is composed by the rules.
+    gpf_EnvoiReponse = EnvoiReponse;
 
     // 3. Maintenance forms.
     FormesMaintenance(argc, argv);

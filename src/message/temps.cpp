@@ -5,7 +5,8 @@
 // _dattirfc822(t, out, size)      "%a, %d %b %Y %H:%M:%S %z"; strftime's
 //                                 length (0 when too small), or -1 out of range
 // _pc_datcfc(out), _pcs_datcfc()  now, into the caller's / a static 32-byte buffer
-// _ltimefic, _mtimefic, _touchfic, _exidir: file times and kind
+// _ltimefic, _mtimefic, _touchfic, _exidir: file times and kind; _touchfic
+//   creates a missing file (mode 0666 before the umask) and follows no link
 // Alarm guard: _debatt(limit); one blocking call; save errno; _finatt().
 //   The SIGALRM handler only re-arms the alarm for 1 s and sets gi_timeout,
 //   so a call that starts after the first alarm is interrupted too; calls are
@@ -15,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
@@ -75,11 +77,15 @@ int _mtimefic(const char *pc_Chemin, time_t t_Date) {
     return utime(pc_Chemin, &st);
 }
 
-// Touches the file, creating it empty when it does not exist.
+// Touches the file, creating it empty when it does not exist.  The spool
+// directories are open to every delivery user, so a link planted there is
+// never followed (the file is then left alone, like any failure).
 void _touchfic(const char *pc_Chemin) {
-    if (utime(pc_Chemin, nullptr) == 0 || errno != ENOENT) return;
-    FILE *pf = fopen(pc_Chemin, "w");
-    if (pf != nullptr) fclose(pf);
+    int i_Fd = open(pc_Chemin, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+                    0666);
+    if (i_Fd < 0) return;
+    futimens(i_Fd, nullptr);
+    close(i_Fd);
 }
 
 // 1 when the path is a directory.

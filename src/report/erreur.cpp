@@ -12,7 +12,9 @@
 // ATT.remise.<pid>.XXXXXX (above 3), created exclusively with owner-only
 // permissions; the name is built in a TAILLE_TEXTE buffer and a name that
 // does not fit is not created (a cut name could land outside the spool).
-// A dump that cannot be written is skipped silently: the report goes on.
+// A dump that cannot be written (spool missing or unusable, file system
+// full) is skipped silently, a partly written one removed: the report, its
+// notice and the delivery go on.
 #include "report/report.h"
 
 #include <cerrno>
@@ -80,6 +82,8 @@ void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
     FILE *pf = fdopen(i_Fd, "w");
     if (pf == nullptr) {
         close(i_Fd);
+        unlink(pc_Nom);
+        pc_Nom[0] = '\0';
         return;
     }
     fprintf(pf, "%s\n\nAction: %s\n\n", pc_Message, TexteAction(i_Niveau));
@@ -93,7 +97,13 @@ void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
     fputs("__DEBUT_ENTETE_TRAVAIL__\n", pf);
     DumpListe(pf, gpet_EnteteMess, "T>");
     fputs("__FIN_ENTETE_TRAVAIL__\n\n", pf);
-    fclose(pf);
+    // A dump the file system could not hold whole (full, over quota) is
+    // removed rather than left cut, and no notice points at it.
+    bool b_Erreur = ferror(pf) != 0;
+    if (fclose(pf) != 0 || b_Erreur) {
+        unlink(pc_Nom);
+        pc_Nom[0] = '\0';
+    }
 }
 
 }  // namespace

@@ -12,9 +12,15 @@
 // system log, and, once a header exists, a dump file under the spool's
 // Erreurs/ (owner-only, unique name).
 //
-// AvisIncident is the incident notice sent to the sender for level 3 and -3;
+// AvisIncident is the incident notice sent to the sender for level 3 and -3
+// (7.2): from the postmaster, on the main server only, once a header exists;
 // si_ErreurEnCours keeps a failure during a notice from sending another one.
+// The notice is composed and submitted by the reply composition of the
+// rules, which sits above this unit: the driver hands it over at start in
+// gpf_EnvoiReponse (no notice while it is null).
 #pragma once
+
+#include "socle.h"
 
 // Exit statuses Postfix acts on, and the one of the maintenance forms.
 constexpr int STATUT_FAIT = 0;
@@ -39,3 +45,9 @@ extern int si_ErreurEnCours;
 
 // Sends the incident notice for a level-3 report; 1 when it counts as sent.
 int AvisIncident(const char *pc_Message, const char *pc_FichierDebug);
+
+// The reply composition (header, envelope sender, From text, body, label,
+// charset, Message-Id prefix) -> 1 when handed over.
+using FonctionEnvoiReponse = int (*)(Entete *, const char *, const char *, const char *,
+                                     const char *, const char *, const char *);
+extern FonctionEnvoiReponse gpf_EnvoiReponse;

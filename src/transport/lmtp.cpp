@@ -572,12 +572,9 @@ int Read_LMTP(int i_Fd, char *pc_Tampon, std::size_t t_Taille, int i_Limite) {
 }
 
 // One delivery attempt to the mail store.
-int gi_BoitesLivreesLmtp = 0;
-
 int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tpc_Boites,
                 char *const *tpc_Adresses, const char *pc_Suffixe, Entete *pet_Entete,
                 FILE *pf_Corps, char **ppc_Rapport) {
-    gi_BoitesLivreesLmtp = 0;
     pc_Emetteur = NonNul(pc_Emetteur);
     pc_Suffixe = NonNul(pc_Suffixe);
     char Pc_Dialogue[TAILLE_DIALOGUE];
@@ -766,9 +763,6 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
                          "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
                          Pc_Dialogue, gPc_InfoMessEnCours);
     }
-
-    // The store holds the message for every accepted recipient.
-    gi_BoitesLivreesLmtp = i_Acceptes;
 
     // 12. Quit; its reply is read but not examined.
     i_Res = Write_LMTP(i_Fd, "QUIT\n");

@@ -117,11 +117,6 @@ int Write_LMTP(int i_Fd, const char *pc_Texte);
 // Reads one reply into the buffer; 0, or non-zero after closing.
 int Read_LMTP(int i_Fd, char *pc_Tampon, std::size_t t_Taille, int i_Limite);
 
-// Number of mailboxes that took the data in the last Remise_LMTP call (0
-// when the sender, every recipient or the data was refused, or the call
-// failed): tells a partial refusal from a message that reached nobody.
-extern int gi_BoitesLivreesLmtp;
-
 // One LMTP delivery attempt; see the heading for the results.
 int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tpc_Boites,
                 char *const *tpc_Adresses, const char *pc_Suffixe, Entete *pet_Entete,
