@@ -27,7 +27,9 @@
 //   run ends and Postfix retries it.
 //
 // Nothing here frees memory: one process handles one message and exits.
-// Bytes after a NUL inside a piece are not kept (lines are C texts).
+// Lines are C texts: a NUL byte of the header is read as "?" (a visible
+// byte that means "unreadable" wherever the program folds a text), so that
+// nothing after it in the field is lost; the body is left as it is.
 #include "message/message.h"
 
 #include <algorithm>
@@ -41,6 +43,9 @@
 #include "socle.h"
 
 namespace {
+
+// What a NUL byte of the header is read as.
+constexpr char OCTET_NUL_ENTETE = '?';
 
 // The value of every absent header: read-only and shared.
 constexpr char PC_VALEUR_ABSENTE[] = "\n";
@@ -73,6 +78,21 @@ void AjouteSuite(Cumul *pst, const char *pc_Piece, std::size_t t_Piece) {
     }
     memcpy(pst->pet_Noeud->pc_Ligne + pst->t_Longueur, pc_Piece, t_Piece + 1);
     pst->t_Longueur += t_Piece;
+}
+
+// Reads one piece of the header from standard input: at most t_Taille - 1
+// bytes, up to and including a line feed, each NUL byte read as "?".
+// Returns its length; 0 at the end of the input or on a read error.
+std::size_t LitPieceEntete(char *pc_Piece, std::size_t t_Taille) {
+    std::size_t n = 0;
+    while (n + 1 < t_Taille) {
+        int c = getc_unlocked(stdin);
+        if (c == EOF) break;
+        pc_Piece[n++] = c == '\0' ? OCTET_NUL_ENTETE : static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    pc_Piece[n] = '\0';
+    return n;
 }
 
 }  // namespace
@@ -126,7 +146,8 @@ void LitEntete(Entete **ppet_Tete) {
     char pc_Piece[TAILLE_LECTURE];
 
     for (;;) {
-        if (fgets(pc_Piece, sizeof pc_Piece, stdin) == nullptr) {
+        std::size_t t_Piece = LitPieceEntete(pc_Piece, sizeof pc_Piece);
+        if (t_Piece == 0) {
             if (ferror(stdin)) {
                 int i_Err = errno;
                 TraitementErreur(NIVEAU_CRITIQUE,
@@ -139,7 +160,6 @@ void LitEntete(Entete **ppet_Tete) {
                              gPc_InfoMessEnCours);
             return;
         }
-        std::size_t t_Piece = strlen(pc_Piece);
 
         // Continuation of the field in hand.
         if ((pc_Piece[0] == ' ' || pc_Piece[0] == '\t') && pet_Curseur != nullptr) {
