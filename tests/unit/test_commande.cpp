@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "capture_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
 #include "driver/driver.h"
@@ -22,49 +23,9 @@
 namespace {
 
 using Liste = std::vector<std::string>;
-const std::string CAPTURE = std::string(REPERTOIRE_BIN_ESSAI) + "/capture-commande";
 const Liste ENTETE = {"From: a@b.example\n", "Subject: essai\n", "\n"};
 const std::string CORPS = "Bonjour\n.\n..\nfin\n";
 const std::string MESSAGE = "From: a@b.example\nSubject: essai\n\n" + CORPS;
-
-// One recorded call of the capture program.
-struct Appel {
-    Liste v_Argv;
-    std::string s_Entree;
-    // The recipients: what follows "--".
-    Liste Destinataires() const {
-        auto it = std::find(v_Argv.begin(), v_Argv.end(), "--");
-        return it == v_Argv.end() ? Liste{} : Liste(it + 1, v_Argv.end());
-    }
-};
-
-// A fresh capture directory, removed with its records.
-struct Capture {
-    std::string s_Rep;
-    Capture() {
-        char pc[] = "/tmp/capture-essai.XXXXXX";
-        s_Rep = mkdtemp(pc);
-        setenv("CAPTURE_REPERTOIRE", s_Rep.c_str(), 1);
-    }
-    ~Capture() {
-        for (const std::string &s : FichiersCommencantPar(s_Rep, "")) unlink(s.c_str());
-        rmdir(s_Rep.c_str());
-        for (const char *pc : {"CAPTURE_REPERTOIRE", "CAPTURE_STATUT", "CAPTURE_LIMITE"}) unsetenv(pc);
-    }
-    // The calls recorded, in order.
-    std::vector<Appel> Appels() const {
-        std::vector<Appel> v;
-        for (int k = 1;; k++) {
-            std::string s_Base = s_Rep + "/appel-" + std::to_string(k);
-            if (access((s_Base + ".argv").c_str(), F_OK) != 0) return v;
-            Appel a{{}, LitFichier(s_Base + ".entree")};
-            std::string s = LitFichier(s_Base + ".argv");
-            for (std::size_t p = 0, q; (q = s.find('\0', p)) != std::string::npos; p = q + 1)
-                a.v_Argv.push_back(s.substr(p, q - p));
-            v.push_back(a);
-        }
-    }
-};
 
 class Commande : public ::testing::Test {
 protected:
@@ -227,7 +188,7 @@ TEST_F(Commande, StatutDeSortie) {
     }
     // A failure in a batch stops the later ones.
     Capture cap;
-    std::ofstream(cap.s_Rep + "/statut-2") << "75\n";
+    cap.StatutAppel(2, 75);
     ResultatEnfant r = Envoi("e@x.example", Adresses(250, {"d.example"}));
     EXPECT_EQ(r.i_Statut, 75);
     EXPECT_EQ(cap.Appels().size(), 2u);

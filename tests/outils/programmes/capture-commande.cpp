@@ -16,6 +16,8 @@
 //                       input and exit (a command that stops reading early).
 //   CAPTURE_STATUT      exit status; otherwise the number in the file
 //                       <dir>/statut-<k>, else 0.
+// A file-size limit inherited from the program under test (a test that
+// fills its "file system" that way) is lifted: the records must be written.
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -23,9 +25,15 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 
 int main(int argc, char **argv) {
+    struct rlimit st_Limite;
+    if (getrlimit(RLIMIT_FSIZE, &st_Limite) == 0) {
+        st_Limite.rlim_cur = st_Limite.rlim_max;
+        setrlimit(RLIMIT_FSIZE, &st_Limite);
+    }
     const char *pc_Rep = getenv("CAPTURE_REPERTOIRE");
     const char *pc_Limite = getenv("CAPTURE_LIMITE");
     const long long ll_Limite = pc_Limite != nullptr ? atoll(pc_Limite) : -1;
