@@ -20,7 +20,10 @@
 #include <cstring>
 #include <fcntl.h>
 #include <linux/close_range.h>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
+#include <sys/types.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -54,13 +57,43 @@ int NiveauCodeSortie(int i_Code) {
     return NIVEAU_ERREUR;
 }
 
-// Writes the bytes whole to the descriptor; 0, or errno.
-int EcritTout(int i_Fd, const char *pc, std::size_t t_Long) {
+// A command being fed its input: its pid, the write end of its standard
+// input, and the read end kept by this process as a witness.  Holding the
+// read end lets the program tell, once the command has ended, how much of
+// its input it left unread: a command that exits without reading the whole
+// message must never count as a delivery, even when the message fitted in
+// the pipe.  The write end is non-blocking, so that a command that ended
+// while the pipe was full cannot hold the writer.
+struct Commande {
+    pid_t i_Pid = 0;
+    int i_Fd = -1;
+    int i_Temoin = -1;
+};
+
+// Result of EcritTout for a command that ended before reading its input.
+constexpr int CODE_FIN_SANS_LIRE = -1;
+
+// True when the command has ended (it is not reaped: its status is still
+// to be waited for).
+bool CommandeFinie(pid_t i_Pid) {
+    siginfo_t st = {};
+    return waitid(P_PID, static_cast<id_t>(i_Pid), &st, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           st.si_pid == i_Pid;
+}
+
+// Writes the bytes whole to the command; 0, errno, or CODE_FIN_SANS_LIRE
+// when it ended with its input full.
+int EcritTout(const Commande &st, const char *pc, std::size_t t_Long) {
     while (t_Long > 0) {
-        ssize_t i_Compte = write(i_Fd, pc, t_Long);
+        ssize_t i_Compte = write(st.i_Fd, pc, t_Long);
         if (i_Compte < 0) {
             if (errno == EINTR) continue;
-            return errno;
+            if (errno != EAGAIN) return errno;
+            // Full: wait for room, as long as the command is there to read.
+            struct pollfd st_Attente = {st.i_Fd, POLLOUT, 0};
+            if (poll(&st_Attente, 1, 100) == 0 && CommandeFinie(st.i_Pid))
+                return CODE_FIN_SANS_LIRE;
+            continue;
         }
         pc += i_Compte;
         t_Long -= static_cast<std::size_t>(i_Compte);
@@ -80,17 +113,17 @@ int AttendFils(pid_t i_Pid) {
 
 // Stops a command whose input is incomplete, before its input is closed: a
 // submission program that saw an end of input would send a cut message.
-void AbandonneFils(pid_t i_Pid, int i_Fd) {
-    kill(i_Pid, SIGKILL);
-    close(i_Fd);
-    AttendFils(i_Pid);
+void AbandonneFils(Commande *pst) {
+    kill(pst->i_Pid, SIGKILL);
+    close(pst->i_Fd);
+    close(pst->i_Temoin);
+    AttendFils(pst->i_Pid);
     gi_PidCommandeEnCours = 0;
 }
 
-// Starts the command with its standard input on a new pipe; 0 with the
-// child's pid and the pipe's write end, or the errno of the failure (the
-// exec's own, reported back by the child).
-int LanceCommande(char *const *tpc_Argv, pid_t *pi_Pid, int *pi_Fd) {
+// Starts the command with its standard input on a new pipe; 0, or the
+// errno of the failure (the exec's own, reported back by the child).
+int LanceCommande(char *const *tpc_Argv, Commande *pst) {
     int t_Entree[2];
     int t_Retour[2];
     if (pipe2(t_Entree, O_CLOEXEC) != 0) return errno;
@@ -128,7 +161,6 @@ int LanceCommande(char *const *tpc_Argv, pid_t *pi_Pid, int *pi_Fd) {
         (void)i_Ignore;
         _exit(127);
     }
-    close(t_Entree[0]);
     close(t_Retour[1]);
     int i_ErrExec = 0;
     ssize_t i_Lu;
@@ -137,12 +169,15 @@ int LanceCommande(char *const *tpc_Argv, pid_t *pi_Pid, int *pi_Fd) {
     } while (i_Lu < 0 && errno == EINTR);
     close(t_Retour[0]);
     if (i_Lu == static_cast<ssize_t>(sizeof i_ErrExec)) {
+        close(t_Entree[0]);
         close(t_Entree[1]);
         AttendFils(i_Pid);
         return i_ErrExec != 0 ? i_ErrExec : ENOEXEC;
     }
-    *pi_Pid = i_Pid;
-    *pi_Fd = t_Entree[1];
+    fcntl(t_Entree[1], F_SETFL, O_NONBLOCK);
+    pst->i_Pid = i_Pid;
+    pst->i_Fd = t_Entree[1];
+    pst->i_Temoin = t_Entree[0];
     // Known to the run's time budget, which kills it rather than let it
     // see the end of a message that was not sent whole.
     gi_PidCommandeEnCours = i_Pid;
@@ -162,9 +197,8 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
            pc_Action, gPc_InfoMessEnCours);
 
     // 2. Start the command.
-    pid_t i_Pid = 0;
-    int i_Fd = -1;
-    int i_Err = tpc_Argv != nullptr && tpc_Argv[0] != nullptr ? LanceCommande(tpc_Argv, &i_Pid, &i_Fd)
+    Commande st_Cmd;
+    int i_Err = tpc_Argv != nullptr && tpc_Argv[0] != nullptr ? LanceCommande(tpc_Argv, &st_Cmd)
                                                               : ENOENT;
     if (i_Err != 0)
         TraitementErreur(NIVEAU_CRITIQUE,
@@ -172,12 +206,13 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
                          "depots repetes",
                          i_Err, strerror(i_Err), gPc_InfoMessEnCours);
 
-    // 3. Every node of the message, in order.
-    for (Entete *pet = pet_Message; pet != nullptr; pet = pet->pet_Suivant) {
+    // 3. Every node of the message, in order (a command that ended with its
+    //    input full gets nothing more: its status says the rest).
+    for (Entete *pet = pet_Message; pet != nullptr && i_Err == 0; pet = pet->pet_Suivant) {
         if (pet->pc_Ligne == nullptr) continue;
-        i_Err = EcritTout(i_Fd, pet->pc_Ligne, strlen(pet->pc_Ligne));
-        if (i_Err != 0) {
-            AbandonneFils(i_Pid, i_Fd);
+        i_Err = EcritTout(st_Cmd, pet->pc_Ligne, strlen(pet->pc_Ligne));
+        if (i_Err > 0) {
+            AbandonneFils(&st_Cmd);
             TraitementErreur(NIVEAU_CRITIQUE,
                              "v1.1.0/1839: Erreur fputs entete vers commande <%s>, errno=%d (%s). "
                              "%s. Possibilite de depots repetes",
@@ -186,24 +221,24 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
     }
 
     // 4. The body stream to its end.
-    if (pf_Corps != nullptr) {
+    if (pf_Corps != nullptr && i_Err == 0) {
         static char s_Morceau[TAILLE_MORCEAU_CMD];
         std::size_t t_Lu;
-        while ((t_Lu = fread(s_Morceau, 1, sizeof s_Morceau, pf_Corps)) > 0) {
-            i_Err = EcritTout(i_Fd, s_Morceau, t_Lu);
-            if (i_Err != 0) {
-                AbandonneFils(i_Pid, i_Fd);
+        while (i_Err == 0 && (t_Lu = fread(s_Morceau, 1, sizeof s_Morceau, pf_Corps)) > 0) {
+            i_Err = EcritTout(st_Cmd, s_Morceau, t_Lu);
+            if (i_Err > 0) {
+                AbandonneFils(&st_Cmd);
                 TraitementErreur(NIVEAU_CRITIQUE,
                                  "v1.1.0/1845: Erreur fputs corps vers commande <%s>, errno=%d "
                                  "(%s). %s. Possibilite de depots repetes",
                                  pc_Action, i_Err, strerror(i_Err), gPc_InfoMessEnCours);
             }
         }
-        if (ferror(pf_Corps)) {
+        if (i_Err == 0 && ferror(pf_Corps)) {
             // The message is incomplete: the command must not see an end of
             // input and send what it has; Postfix keeps the whole message.
             i_Err = errno;
-            AbandonneFils(i_Pid, i_Fd);
+            AbandonneFils(&st_Cmd);
             TraitementErreur(NIVEAU_CRITIQUE,
                              "v1.1.0/1847: Erreur lecture du corps pour la commande <%s>, "
                              "errno=%d (%s). %s",
@@ -211,12 +246,21 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
         }
     }
 
-    // 5. End of input; wait for the command.
+    // 5. End of input; wait for the command, then see that it read it all.
     errno = 0;
-    close(i_Fd);
-    int i_Etat = AttendFils(i_Pid);
+    close(st_Cmd.i_Fd);
+    int i_Etat = AttendFils(st_Cmd.i_Pid);
     int i_ErrAttente = errno;
     gi_PidCommandeEnCours = 0;
+    int i_NonLus = 0;
+    if (ioctl(st_Cmd.i_Temoin, FIONREAD, &i_NonLus) != 0) i_NonLus = 0;
+    close(st_Cmd.i_Temoin);
+    // A success without the whole message read is no delivery: a retry.
+    if (i_Etat == 0 && (i_NonLus > 0 || i_Err != 0))
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1893: Commande <%s> terminee sans lire tout le message (%d octets "
+                         "non lus). %s. Possibilite de depots repetes",
+                         pc_Action, i_NonLus, gPc_InfoMessEnCours);
     int i_Code = (i_Etat >> 8) & 0xff;
     if (pi_Statut != nullptr) {
         *pi_Statut = i_Code;
