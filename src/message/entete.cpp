@@ -9,9 +9,13 @@
 //       pointer itself when min is ADOPTE_TEXTE.  Returns the node.
 //   LitEntete(head)      reads standard input (stdio, 1023-byte pieces) up to
 //       and including the empty line; continuation pieces are joined.
-//   LitMessage(list, f)  appends the rest of f, piece by piece.
+//   LitMessage(list, f)  appends the rest of f in pieces of 1023 bytes (not
+//       cut at line ends).
 //   LigneEnteteVide      0 for a non-empty line; 1 null, 2 "", 3 "\n...", 4 "\r\n".
 //   VerifLigneEOL        cuts a doubled line end to a single one, in place.
+//   DetacheCorps / RattacheCorps  take the body lines (loaded after the
+//       header's empty line) off the list and put them back, for lookups
+//       that must see the header alone.
 //   RecupEntete / RecupLigneEntete / RecupValeurEntete: case-insensitive
 //       prefix lookups from a given node; the value of an absent header is
 //       the shared read-only "\n".
@@ -191,9 +195,14 @@ void LitMessage(Entete *pet_Liste, FILE *pf_Entree) {
     while (pet_Curseur != nullptr && pet_Curseur->pet_Suivant != nullptr)
         pet_Curseur = pet_Curseur->pet_Suivant;
 
+    // Pieces of the whole read size, not lines: a body of short lines is
+    // held in about its own size, not in one node per line.
     char pc_Piece[TAILLE_LECTURE];
-    while (fgets(pc_Piece, sizeof pc_Piece, pf_Entree) != nullptr)
+    std::size_t t_Lu;
+    while ((t_Lu = fread(pc_Piece, 1, sizeof pc_Piece - 1, pf_Entree)) > 0) {
+        pc_Piece[t_Lu] = '\0';
         ChargeLigne(&pet_Curseur, pc_Piece, 0);
+    }
     if (ferror(pf_Entree)) {
         int i_Err = errno;
         TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1811: Erreur lecture message, errno=%d (%s). %s",
@@ -208,6 +217,28 @@ int LigneEnteteVide(const char *pc_Texte) {
     if (pc_Texte[0] == '\n') return 3;
     if (strcmp(pc_Texte, "\r\n") == 0) return 4;
     return 0;
+}
+
+// The node of the header's empty line, or null when the header has none.
+static Entete *LigneFinEntete(Entete *pet_Liste) {
+    for (Entete *pet = pet_Liste; pet != nullptr; pet = pet->pet_Suivant)
+        if (LigneEnteteVide(pet->pc_Ligne)) return pet;
+    return nullptr;
+}
+
+// Takes the body lines off the list, after the header's empty line.
+Entete *DetacheCorps(Entete *pet_Liste) {
+    Entete *pet_Fin = LigneFinEntete(pet_Liste);
+    if (pet_Fin == nullptr) return nullptr;
+    Entete *pet_Corps = pet_Fin->pet_Suivant;
+    pet_Fin->pet_Suivant = nullptr;
+    return pet_Corps;
+}
+
+// Puts detached body lines back after the header's empty line.
+void RattacheCorps(Entete *pet_Liste, Entete *pet_Corps) {
+    Entete *pet_Fin = LigneFinEntete(pet_Liste);
+    if (pet_Fin != nullptr && pet_Corps != nullptr) pet_Fin->pet_Suivant = pet_Corps;
 }
 
 // Cuts the text right after the first of two consecutive line feeds.

@@ -36,6 +36,11 @@ void LitEntete(Entete **ppet_Tete);
 void LitMessage(Entete *pet_Liste, FILE *pf_Entree);
 // 0 when the text is not an empty line; 1 null, 2 empty, 3 "\n...", 4 "\r\n".
 int LigneEnteteVide(const char *pc_Texte);
+// The body lines that follow the header's empty line, taken off the list
+// (null when there are none), so that lookups see the header alone; they
+// go back with RattacheCorps.
+Entete *DetacheCorps(Entete *pet_Liste);
+void RattacheCorps(Entete *pet_Liste, Entete *pet_Corps);
 // Cuts the text after the first of two consecutive line feeds.
 char *VerifLigneEOL(char *pc_Texte);
 // First node, from the one given, whose line begins with the name (any case).

@@ -109,14 +109,6 @@ void AjouteLigne(Entete **ppet_Curseur, const char *pc_Format, ...) {
     ChargeLigne(ppet_Curseur, pc_Ligne, 0);
 }
 
-// The node that ends the header (its empty line), or null when the header
-// was read to the end of the input without one.
-Entete *LigneFinEntete(Entete *pet_Entete) {
-    for (Entete *pet = pet_Entete; pet != nullptr; pet = pet->pet_Suivant)
-        if (LigneEnteteVide(pet->pc_Ligne)) return pet;
-    return nullptr;
-}
-
 // The guards, in their order; 0 when the reply is to be suppressed.
 int ReponsePermise(Entete *pet_Entete, const char *pc_Corps, const char *pc_Jeton) {
     if (!gi_OnEstSurServeurPrincipal) {
@@ -215,15 +207,10 @@ int EnvoiReponse(Entete *pet_Entete, const char *pc_EmetteurEnv, const char *pc_
     }
 
     // The header being answered, without the body that may follow it.
-    Entete *pet_Fin = LigneFinEntete(pet_Entete);
-    Entete *pet_Corps = pet_Fin != nullptr ? pet_Fin->pet_Suivant : nullptr;
-    if (pet_Fin != nullptr) pet_Fin->pet_Suivant = nullptr;
-    struct Restaure {
-        Entete *pet_Fin, *pet_Corps;
-        ~Restaure() {
-            if (pet_Fin != nullptr) pet_Fin->pet_Suivant = pet_Corps;
-        }
-    } st_Restaure{pet_Fin, pet_Corps};
+    struct SansCorps {
+        Entete *pet_Entete, *pet_Corps;
+        ~SansCorps() { RattacheCorps(pet_Entete, pet_Corps); }
+    } st_SansCorps{pet_Entete, DetacheCorps(pet_Entete)};
 
     // 2-10. The guards.
     char pc_Jeton[TAILLE_JETON];
