@@ -7,8 +7,11 @@
 // kind (ravokVixRemise, any case): LMTP recipients are collected, NULL is
 // dropped, ATTENTE ends the run at once with status 75 (Postfix retries the
 // whole message), and every other kind is reported at level -3 so that
-// nothing is lost silently.  The list and Sympa kinds are not delivered by
-// this build: they are reported like an unsupported kind.  After the loop
+// nothing is lost silently.  Lists and Sympa lists are delivered at once,
+// in the loop (see RemiseListe, RemiseSympa): with several recipients the
+// body is first loaded behind the header, so that every later delivery,
+// the LMTP one included, sends it whole; those deliveries stand when a
+// later recipient ends the run.  After the loop
 // the directory is closed and the collected recipients get one LMTP
 // transaction, at most three attempts gi_DelaiEntreEssaisLmtp (10 s) apart;
 // what the store refused for good goes to the sender as a notice; the run
@@ -16,10 +19,13 @@
 // Messages: 4198 not in the directory, 4205 no delivery kind, 4422 list
 // kind not supported, 4499 kind not supported, 4196 recipient too long for a
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
-// ATTENTE (information).
+// ATTENTE, 4398 and 4411 list expansion (information); 4386 4450 4467
+// allocation (level 2).  Submissions report their own failures.
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -64,6 +70,108 @@ TypeRemise TypeDeRemise(const char *pc_Valeur) {
         if (b) return st.e_Type;
     }
     return TypeRemise::Inconnu;
+}
+
+// The body: still on standard input, or loaded into the working list
+// behind the header once a list or Sympa delivery of a run with several
+// recipients needed it (it is read from standard input once).
+bool sb_CorpsCharge = false;
+
+// What the senders read the body from: standard input, or nothing more
+// when the body lies in the working list.
+FILE *CorpsRestant() { return sb_CorpsCharge ? nullptr : stdin; }
+
+// Loads the body before a list or Sympa delivery when later recipients
+// need it too.
+void ChargeCorps() {
+    if (gi_nbDestLcmd <= 1 || sb_CorpsCharge) return;
+    LitMessage(gpet_EnteteMess, stdin);
+    sb_CorpsCharge = true;
+}
+
+// The list's reply address becomes the Reply-To of the working header
+// (rewritten, or inserted as its second line), for every later delivery.
+// The address comes from the directory: a control byte in it becomes a
+// blank, so that it stays one header line.
+void PoseReplyTo(const char *pc_Reponse) {
+    std::size_t t_Taille = strlen(pc_Reponse) + 32;
+    char *pc_Ligne = static_cast<char *>(malloc(t_Taille));
+    if (pc_Ligne == nullptr) {
+        int i_Err = errno;
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/4386: Erreur Malloc reconstruction ligne Reply-To, errno=%d (%s). %s",
+                         i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        return;
+    }
+    snprintf(pc_Ligne, t_Taille, "Reply-To: %s\n", pc_Reponse);
+    for (char *pc = pc_Ligne; pc[1] != '\0'; pc++)
+        if (static_cast<unsigned char>(*pc) < 0x20 || *pc == 0x7f) *pc = ' ';
+    Entete *pet_Corps = DetacheCorps(gpet_EnteteMess);
+    Entete *pet = RecupEntete(gpet_EnteteMess, "reply-to:");
+    if (pet != nullptr) {
+        pet->pc_Ligne = pc_Ligne;
+    } else {
+        pet = gpet_EnteteMess;
+        ChargeLigne(&pet, pc_Ligne, ADOPTE_TEXTE);
+    }
+    RattacheCorps(gpet_EnteteMess, pet_Corps);
+}
+
+// A directory list: bounce and reply addresses from its info values, then
+// the message to its members, as stored or expanded without duplicates.
+// Without members nothing is sent and nothing is said.
+void RemiseListe(TypeRemise e_Type, char **const *ttpc_Valeurs) {
+    char **tpc_Info = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "info");
+    const char *pc_Bounce = RecupValeurTableau(tpc_Info, "AVIS:");
+    const char *pc_Reponse = RecupValeurTableau(tpc_Info, "REPONSE:");
+    ChargeCorps();
+    if (pc_Bounce[0] == '\0') pc_Bounce = gpc_MailFrom;
+    if (pc_Reponse[0] != '\0') PoseReplyTo(pc_Reponse);
+
+    char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
+    if (tpc_Membres == nullptr) return;
+    const char *pc_Cn = pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "cn", 0);
+    if (pc_Cn == nullptr) pc_Cn = "";
+    if (e_Type == TypeRemise::Liste) {
+        syslog(LOG_INFO, "v1.1.0/4398: Expansion de la liste '%s'. Bounce=%s %s", pc_Cn, pc_Bounce,
+               gPc_InfoMessEnCours);
+        EnvoiMessage(gpet_EnteteMess, CorpsRestant(), pc_Bounce, tpc_Membres);
+        return;
+    }
+    syslog(LOG_INFO,
+           "v1.1.0/4411: Expansion de la liste '%s' avec suppression de doublon. Bounce=%s. %s",
+           pc_Cn, pc_Bounce, gPc_InfoMessEnCours);
+    char **tpc_Tous = ExploseMembres(tpc_Membres);
+    UniciteMembres(tpc_Tous);
+    EnvoiMessage(gpet_EnteteMess, CorpsRestant(), pc_Bounce, tpc_Tous);
+    free(tpc_Tous);
+}
+
+// Hands the message to a Sympa queue program with the address as its one
+// argument (the action text names it as the site's command line would).
+void RemiseSympa(const char *pc_Programme, const char *pc_Adresse, int i_Numero) {
+    ChargeCorps();
+    char *pc_Action = nullptr;
+    if (asprintf(&pc_Action, "exec %s '%s'", pc_Programme, pc_Adresse) < 0) {
+        int i_Err = errno;
+        TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/%d: Erreur Malloc, errno=%d (%s). %s", i_Numero,
+                         i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+        return;
+    }
+    char *tpc_Argv[] = {const_cast<char *>(pc_Programme), const_cast<char *>(pc_Adresse), nullptr};
+    DelivreMessage(gpet_EnteteMess, CorpsRestant(), pc_Action, tpc_Argv, nullptr);
+    free(pc_Action);
+}
+
+// The first address of the working header's To (empty without one).
+std::string AdresseTo() {
+    char pc_Adresse[TAILLE_ADRESSE];
+    char pc_Phrase[TAILLE_PHRASE];
+    Entete *pet_Corps = DetacheCorps(gpet_EnteteMess);
+    FetchAddress(RecupValeurEntete(gpet_EnteteMess, "to:"), pc_Adresse, sizeof pc_Adresse,
+                 pc_Phrase, sizeof pc_Phrase);
+    RattacheCorps(gpet_EnteteMess, pet_Corps);
+    return pc_Adresse;
 }
 
 // Recipients collected for the LMTP transaction.
@@ -143,8 +251,14 @@ void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_A
             FinProcessus(STATUT_REESSAI);
         case TypeRemise::Liste:
         case TypeRemise::ListeMu:
+            RemiseListe(TypeDeRemise(pc_Remise), ttpc_Valeurs);
+            break;
         case TypeRemise::Sympa:
+            RemiseSympa(gpc_CmdSympaQueue, gpc_RcptTo, 4450);
+            break;
         case TypeRemise::SympaBounce:
+            RemiseSympa(gpc_CmdSympaBounce, AdresseTo().c_str(), 4467);
+            break;
         case TypeRemise::Inconnu:
             TraitementErreur(NIVEAU_ERREUR_SUITE,
                              "v1.1.0/4499: Erreur annuaire, type de remise non supporte, "
@@ -161,7 +275,7 @@ void RemiseLmtp(const OptionsRemise *pst_Options, CollecteLmtp *pst_Lmtp, const 
     char *pc_Rapport = nullptr;
     for (int i_Essais = 0;; i_Essais++) {
         int i_Res = Remise_LMTP(pst_Options->pc_ServeurLmtp, gpc_MailFrom, pst_Lmtp->tpc_Uid,
-                                pst_Lmtp->tpc_Adresses, pc_Suffixe, gpet_EnteteMess, stdin,
+                                pst_Lmtp->tpc_Adresses, pc_Suffixe, gpet_EnteteMess, CorpsRestant(),
                                 &pc_Rapport);
         if (i_Res == 0) {
             AvisRefusLmtp(pc_Rapport);

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <poll.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -113,8 +114,10 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
     close(t_Out[0]);
     close(t_Err[0]);
     int i_Etat = 0;
-    while (waitpid(pid, &i_Etat, 0) < 0 && errno == EINTR) {
+    struct rusage st_Usage = {};
+    while (wait4(pid, &i_Etat, 0, &st_Usage) < 0 && errno == EINTR) {
     }
+    r.l_MemoireMaxKo = st_Usage.ru_maxrss;
     if (WIFEXITED(i_Etat)) r.i_Statut = WEXITSTATUS(i_Etat);
     if (WIFSIGNALED(i_Etat)) r.i_Signal = WTERMSIG(i_Etat);
     return r;

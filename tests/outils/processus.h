@@ -16,6 +16,7 @@ struct ResultatProcessus {
     std::string s_Sortie;     // standard output
     std::string s_Erreur;     // standard error
     int i_Pid = 0;            // the child's process id
+    long l_MemoireMaxKo = 0;  // its peak resident memory, KiB
 };
 
 // Runs the program; environment as the parent's plus the given NAME=VALUE

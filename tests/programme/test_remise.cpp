@@ -30,7 +30,7 @@ const std::string ENTREES =
     Boite("alice", "Alice Martin", "LMTP", "ravokVixmailEmission: a.martin@vorane.example\n") +
     Boite("bob", "Bob", "lmtp") + Boite("dora", "Dora", "LMTP", "ravokVixServeurPrincipal: MX1\n") + Boite("carole", "Carole", "LMTP-cyrus") +
     Boite("nul", "Nul", "NULL") + Boite("attente", "Attente", "ATTENTE") +
-    Boite("bizarre", "Bizarre", "FAX") + Boite("symp", "Sympa", "SYMPA") +
+    Boite("bizarre", "Bizarre", "FAX") +
     EntreeLdif("cn=sansuid", "objectClass: ravokVixListe\ncn: sansuid\n"
                              "mail: sansuid@vorane.example\nravokVixRemise: LMTP\n") +
     EntreeLdif("uid=sansremise", "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\n"
@@ -179,30 +179,27 @@ TEST_F(Remise, DestinatairesEnErreurEtSuite) {
     ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
                                 {"nul@vorane.example", "inconnu@vorane.example",
                                  "sansuid@vorane.example", "sansremise@vorane.example",
-                                 "bizarre@vorane.example", "symp@vorane.example",
-                                 "bob@vorane.example"},
+                                 "bizarre@vorane.example", "bob@vorane.example"},
                                 MESSAGE_EXTERNE);
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
     const std::string s_Info = "message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, to=";
     for (const std::string &s :
          {"v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire. " + s_Info +
-              "<inconnu@vorane.example>(2/7)",
+              "<inconnu@vorane.example>(2/6)",
           "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP. " + s_Info +
-              "<sansuid@vorane.example>(3/7)",
+              "<sansuid@vorane.example>(3/6)",
           "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. " + s_Info +
-              "<sansremise@vorane.example>(4/7)",
+              "<sansremise@vorane.example>(4/6)",
           "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=FAX'. " +
-              s_Info + "<bizarre@vorane.example>(5/7)",
-          "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=SYMPA'. " +
-              s_Info + "<symp@vorane.example>(6/7)"})
+              s_Info + "<bizarre@vorane.example>(5/6)"})
         EXPECT_NE(r.s_Erreur.find(" !ERR:-3, " + s + "\n" + s + "\n"), std::string::npos) << s;
     std::vector<std::string> v_Dumps = FichiersCommencantPar(
         std::string(RACINE_SPOOL_ESSAI) + "Erreurs", "ERR.remise." + std::to_string(r.i_Pid) + ".");
-    EXPECT_EQ(v_Dumps.size(), 5u);
+    EXPECT_EQ(v_Dumps.size(), 4u);
     for (const std::string &s : v_Dumps) {
         std::string s_Dump = LitFichier(s);
         EXPECT_NE(s_Dump.find("\nAction: LOG_ERR, pour avis de non remise\n"), std::string::npos);
-        EXPECT_NE(s_Dump.find("Dest[7]=<bob@vorane.example>\n"), std::string::npos);
+        EXPECT_NE(s_Dump.find("Dest[6]=<bob@vorane.example>\n"), std::string::npos);
         EXPECT_NE(s_Dump.find("O>From: Jean Dupont <ext@partenaire.test>\n"), std::string::npos);
         EXPECT_NE(s_Dump.find("T>X-Remise-Vorane: v1.1.0; le "), std::string::npos);
     }
