@@ -7,7 +7,7 @@ set -euo pipefail
 
 paquets=(
   build-essential g++ cmake ninja-build pkg-config
-  libldap-dev libpcre2-dev
+  libldap-dev libpcre2-dev libsasl2-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
   slapd ldap-utils
