@@ -13,6 +13,7 @@ paquets=(
   slapd ldap-utils
   cyrus-imapd cyrus-admin sasl2-bin python3
   postfix tzdata
+  valgrind time
 )
 
 manquants=()
