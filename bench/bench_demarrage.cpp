@@ -8,7 +8,8 @@
 //   - instructions of the process itself, loading included (callgrind,
 //     children traced, the process's own count);
 //   - wall time from fork to exit, median of many runs;
-//   - peak resident memory (ru_maxrss of the run, as GNU time reports it).
+//   - peak resident memory, as GNU time reports it (the highest of a few
+//     runs).
 // Measured: remise-vorane-essai, the program as the tests build it (same
 // sources, libraries and link as the site build; its spool lies in the build
 // tree, so that the delivery marker is written as on a site without touching
@@ -20,7 +21,9 @@
 // a wall time within 1.2x the floor's, at most 4 MB of peak memory for the
 // 50 MB delivery.  VORANE_BANC_PASSES sets the number of timed runs of the
 // 1 KB message (default 51; a fifth of it, at least 5, for 50 MB); with
-// VORANE_BANC_GARDE set, the callgrind files are left for callgrind_annotate.
+// VORANE_BANC_GARDE set, the callgrind files are left for callgrind_annotate;
+// VORANE_BANC_PROGRAMME names another build of the program to measure (an
+// older one, to compare).
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -28,11 +31,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <string>
 #include <strings.h>
-#include <dirent.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -60,7 +63,9 @@ const char *const PC_DESTINATAIRE = "alice@vorane.example";
 std::string s_Rep;         // temporary directory of the run
 std::string s_Socket;      // the peer's socket
 std::string s_VideSasl;    // empty directory: the floor's SASL plug-in path
+std::string s_Programme = CHEMIN_REMISE_VORANE_ESSAI;  // or VORANE_BANC_PROGRAMME
 AnnuaireEssai st_Annuaire;
+bool b_JournalPrive = false;  // the runs see a private /dev (see Journaliseur)
 
 struct Mesure {
     double d_Secondes = 0;
@@ -197,6 +202,7 @@ std::string Journaliseur() {
         mount(s_Dev.c_str(), "/dev", nullptr, MS_BIND, nullptr) != 0)
         return std::string("the console (private logger not set up: ") + strerror(errno) +
                "); the times include it";
+    b_JournalPrive = true;
     if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         static char pc[8192];
@@ -206,11 +212,11 @@ std::string Journaliseur() {
     return "a private /dev/log, read and dropped (this machine has no system logger)";
 }
 
-// Undoes the private /dev and removes its entries (links and the socket:
-// nothing of the host's /dev is touched).
+// Undoes the private /dev of this process's own namespace and removes its
+// entries (links and the socket: nothing of the host's /dev is touched).
 void RetireJournaliseur() {
     const std::string s_Hote = s_Rep + "/dev-hote", s_Dev = s_Rep + "/dev";
-    umount2("/dev", MNT_DETACH);
+    if (b_JournalPrive) umount2("/dev", MNT_DETACH);
     if (umount2(s_Hote.c_str(), MNT_DETACH) != 0 && errno != ENOENT && errno != EINVAL) return;
     for (const std::string &s : FichiersCommencantPar(s_Dev, "")) unlink(s.c_str());
     rmdir(s_Dev.c_str());
@@ -235,7 +241,7 @@ pid_t DemarrePair() {
 // The command of one delivery by the program or by the floor client.
 std::vector<std::string> Commande(bool b_Programme) {
     if (b_Programme)
-        return {CHEMIN_REMISE_VORANE_ESSAI, "-r", s_Socket, "-l", st_Annuaire.s_Hote,
+        return {s_Programme, "-r", s_Socket, "-l", st_Annuaire.s_Hote,
                 "-e", PC_EMETTEUR, "-d", PC_DESTINATAIRE};
     return {CHEMIN_PLANCHER_LMTP, st_Annuaire.s_Hote, s_Socket, PC_EMETTEUR, PC_DESTINATAIRE};
 }
@@ -374,6 +380,7 @@ const char *Atteint(bool b) { return b ? "met" : "NOT MET"; }
 int main() {
     int i_Passes = 51;
     if (const char *pc = getenv("VORANE_BANC_PASSES")) i_Passes = std::max(1, atoi(pc));
+    if (const char *pc = getenv("VORANE_BANC_PROGRAMME")) s_Programme = pc;
     char pc_Modele[] = "/tmp/banc-demarrage.XXXXXX";
     if (mkdtemp(pc_Modele) == nullptr) return 1;
     s_Rep = pc_Modele;
@@ -390,6 +397,9 @@ int main() {
                                 "mail: alice@vorane.example\nravokVixRemise: LMTP\n");
     if (!DemarreAnnuaire(&st_Annuaire, s_Entrees)) {
         fprintf(stderr, "slapd: %s\n", st_Annuaire.s_Erreur.c_str());
+        ArreteAnnuaire(&st_Annuaire);
+        rmdir(s_VideSasl.c_str());
+        rmdir(s_Rep.c_str());
         return 1;
     }
     const std::string s_Journal = Journaliseur();
@@ -405,14 +415,15 @@ int main() {
     printf("One message to one mailbox: local slapd (anonymous bind, sender and recipient\n"
            "lookups), LMTP peer on a Unix socket that drops the data.  Instructions: the\n"
            "process's own, loading included (callgrind); time: median wall time from fork\n"
-           "to exit; memory: peak resident set.  Log lines go to %s.\n\n",
-           s_Journal.c_str());
+           "to exit; memory: peak resident set.  Log lines go to %s.\n"
+           "  program: %s\n  floor:   %s (libldap alone, no SASL plug-in)\n\n",
+           s_Journal.c_str(), s_Programme.c_str(), CHEMIN_PLANCHER_LMTP);
     printf("1 KB message (%d runs each):\n", i_Passes);
-    Ligne("remise-vorane-essai", r_Prog);
-    Ligne("floor client", r_Plancher);
+    Ligne("program", r_Prog);
+    Ligne("floor", r_Plancher);
     printf("50 MB message (%d runs each):\n", std::max(5, i_Passes / 5));
-    Ligne("remise-vorane-essai", r_ProgGrand);
-    Ligne("floor client", r_PlancherGrand);
+    Ligne("program", r_ProgGrand);
+    Ligne("floor", r_PlancherGrand);
 
     double d_Rapport = r_Prog.d_Mediane / r_Plancher.d_Mediane;
     bool b_Ok = r_Prog.b_Ok && r_Plancher.b_Ok && r_ProgGrand.b_Ok && r_PlancherGrand.b_Ok;
