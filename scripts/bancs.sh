@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
 # Builds and runs every benchmark (bench/*.cpp); each prints its figures and
-# the comparison it makes.
+# the comparison it makes.  bench_demarrage needs valgrind and GNU time,
+# installed with the rest of the dependencies.
 set -euo pipefail
 racine=$(cd "$(dirname "$0")/.." && pwd)
 cd "$racine"
+bash scripts/installe-dependances.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C build
 for source in bench/*.cpp; do

@@ -7,12 +7,13 @@ set -euo pipefail
 
 paquets=(
   build-essential g++ cmake ninja-build pkg-config
-  libldap-dev libpcre2-dev
+  libldap-dev libpcre2-dev libsasl2-dev
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   clang libclang-rt-dev
   slapd ldap-utils
   cyrus-imapd cyrus-admin sasl2-bin python3
   postfix tzdata
+  valgrind time
 )
 
 manquants=()

@@ -4,8 +4,10 @@
 // (room: size - 1); a full output keeps what fitted, cut after the last whole
 // character.  On failure conv_jc copies the source unchanged (2194, 2202),
 // conv_jc2 returns null (2231, 2238); all at level 4.  The descriptor is
-// closed on every path.  conv_Iso8859_Ascii7 folds in place with a fixed
-// seven-row table; Deplie and DeQuotte copy at most size - 1 bytes.
+// closed on every path; ASCII text between two ASCII-compatible character
+// sets (UTF-8, ISO-8859-1, ISO-8859-15, US-ASCII) is copied without iconv.
+// conv_Iso8859_Ascii7 folds in place with a fixed seven-row table; Deplie
+// and DeQuotte copy at most size - 1 bytes.
 // See codec.h for the contracts.
 #include "codec/codec.h"
 
@@ -14,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 #include <iconv.h>
+#include <strings.h>
 
 #include "message/message.h"
 #include "report/report.h"
@@ -41,6 +44,24 @@ const char *CharsetOuDefaut(const char *pc_Charset) {
     return pc_Charset == nullptr || pc_Charset[0] == '\0' ? PC_CHARSET_DEFAUT : pc_Charset;
 }
 
+// Character sets in which every ASCII byte is the same one-byte character.
+const char *const tpc_SurensemblesAscii[] = {"UTF-8", "ISO-8859-1", "ISO-8859-15", "US-ASCII"};
+
+// True when the name is one of those character sets (any case).
+bool SurensembleAscii(const char *pc_Charset) {
+    for (const char *pc : tpc_SurensemblesAscii)
+        if (strcasecmp(pc_Charset, pc) == 0) return true;
+    return false;
+}
+
+// True when the text holds only ASCII bytes.
+bool TexteAscii(const char *pc_Texte) {
+    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc_Texte); *pu != '\0';
+         pu++)
+        if (*pu >= 0x80) return false;
+    return true;
+}
+
 // Bounded copy (_strncpy) for a size_t buffer size.
 void CopieBornee(char *pc_Sortie, const char *pc_Source, std::size_t t_Taille) {
     _strncpy(pc_Sortie, pc_Source, static_cast<std::uint32_t>(std::min<std::size_t>(t_Taille, UINT32_MAX)));
@@ -54,6 +75,16 @@ char *Convertit(const char *pc_Source, const char *pc_CsSource, char *pc_Sortie,
     if (pc_Source == nullptr || t_Taille <= 1) return pc_Sortie;
     pc_CsSource = CharsetOuDefaut(pc_CsSource);
     pc_CsCible = CharsetOuDefaut(pc_CsCible);
+
+    // ASCII text between two of those character sets is copied as iconv
+    // would write it (cut at size - 1 bytes), without opening a converter:
+    // the first iconv_open of a process maps the converter cache and loads a
+    // module of the C library, which costs more than the whole header
+    // rewriting of a message whose display name is plain ASCII.
+    if (TexteAscii(pc_Source) && SurensembleAscii(pc_CsSource) && SurensembleAscii(pc_CsCible)) {
+        CopieBornee(pc_Sortie, pc_Source, t_Taille);
+        return pc_Sortie;
+    }
 
     iconv_t cd = iconv_open(pc_CsCible, pc_CsSource);
     if (cd == reinterpret_cast<iconv_t>(-1)) {

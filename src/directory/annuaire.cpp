@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <sasl/sasl.h>
 #include <strings.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -163,6 +164,23 @@ char **CopieValeurs(berval **tpst_Valeurs, bool *pb_Echec) {
     return tpc;
 }
 
+// Keeps the SASL library from loading mechanism plug-ins.  The session binds
+// anonymously with a simple bind and never uses SASL, yet the first session
+// of a process initialises the SASL library, which by default opens every
+// client mechanism plug-in installed on the host (each one a dlopen with its
+// relocations and libraries): more than half the instructions of a whole
+// delivery.  Before that first session the library is told to look for its
+// plug-ins in the spool root, which holds only the spool directories, so it
+// finds none.  The setting stays inside this process (no environment
+// variable reaches the commands the program starts) and overrides a
+// SASL_PATH inherited from the caller.
+void EcartePluginsSasl() {
+    static bool sb_Fait = false;
+    if (sb_Fait) return;
+    sb_Fait = true;
+    sasl_set_path(SASL_PATH_TYPE_PLUGIN, const_cast<char *>(gpc_RacineSpool));  // copied
+}
+
 // Whole seconds elapsed since the start, on the monotonic clock.
 long SecondesDepuis(std::chrono::steady_clock::time_point t_Debut) {
     return static_cast<long>(
@@ -219,6 +237,7 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     char pc_Uris[TAILLE_TEXTE];
     LDAP *ld = nullptr;
     errno = 0;
+    EcartePluginsSasl();
     if (ConstruitUrisLdap(pc_Hotes, pc_Uris, sizeof pc_Uris) < 0) {
         errno = EINVAL;
     } else if (ldap_initialize(&ld, pc_Uris) != LDAP_SUCCESS) {

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <string>
 
 #include "annuaire_essai.h"
@@ -83,12 +84,22 @@ int Cherche(LDAP *ld, const char *pc_Adresse, const char *const *tpc_Attr, char 
     return RecupUneEntreeLdap(ld, FiltreMail(pc_Adresse).c_str(), tpc_Attr, ttpc);
 }
 
+// True when a shared object of the SASL plug-in directory is mapped.
+bool PluginSaslCharge() {
+    std::ifstream f("/proc/self/maps");
+    for (std::string s; std::getline(f, s);)
+        if (s.find("/sasl2/lib") != std::string::npos) return true;
+    return false;
+}
+
 // One entry: every slot of the table holds the values of its own attribute
 // in the order stored, attributes the entry lacks stay null.  No entry:
 // slots that held stale pointers come back null.  Filter metacharacters in
-// an address match literally and never widen the search.
+// an address match literally and never widen the search.  The session,
+// bound simply, has loaded no SASL mechanism plug-in.
 TEST_F(Annuaire, RechercheParMail) {
     Ouvre();
+    EXPECT_FALSE(PluginSaslCharge());
     char **ttpc[NB_ATTR_LDAP_DEST] = {};
     ASSERT_EQ(Cherche(gld, "ALICE@vorane.example", gtpc_AttrLdapDest, ttpc), 1);
     const std::pair<const char *, const char *> t_Attendus[] = {

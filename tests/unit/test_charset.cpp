@@ -36,6 +36,10 @@ TEST(ConvJc, ConversionsEtSortiePleine) {
     EXPECT_EQ(Convertit(conv_jc2, "\xE9", nullptr, "UTF-8").s_Sortie, "\xC3\xA9");
     EXPECT_EQ(Convertit(conv_jc, nullptr, "UTF-8", "UTF-8").s_Sortie, "");
     EXPECT_EQ(Convertit(conv_jc, "abc", "UTF-8", "UTF-8", 1).s_Sortie, "");
+    // ASCII text: copied and cut like a conversion between ASCII-compatible
+    // sets, converted for any other target.
+    EXPECT_EQ(Convertit(conv_jc2, "Jean Dupont", "utf-8", "ISO-8859-15", 6).s_Sortie, "Jean ");
+    EXPECT_EQ(Convertit(conv_jc2, "ab", "UTF-8", "UTF-16LE").s_Sortie, "a");
     for (Conversion f : {conv_jc, conv_jc2}) {
         Resultat r = Convertit(f, "\xE9\xE9\xE9", "ISO-8859-1", "UTF-8", 6);
         EXPECT_EQ(r.s_Sortie, "\xC3\xA9\xC3\xA9");
