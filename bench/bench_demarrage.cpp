@@ -46,6 +46,7 @@
 #include <vector>
 
 #include "annuaire_essai.h"
+#include "journal_essai.h"
 #include "processus.h"
 
 namespace {
@@ -65,7 +66,6 @@ std::string s_Socket;      // the peer's socket
 std::string s_VideSasl;    // empty directory: the floor's SASL plug-in path
 std::string s_Programme = CHEMIN_REMISE_VORANE_ESSAI;  // or VORANE_BANC_PROGRAMME
 AnnuaireEssai st_Annuaire;
-bool b_JournalPrive = false;  // the runs see a private /dev (see Journaliseur)
 
 struct Mesure {
     double d_Secondes = 0;
@@ -170,57 +170,6 @@ std::string CreeMessage(const std::string &s_Nom, std::size_t t_Octets) {
         }
         close(i_Fd);
     }
-}
-
-// A system logger as on a site: a datagram socket on /dev/log whose lines
-// are read and dropped.  Without one (as on a machine without a syslog
-// daemon) every line the program logs goes to the console (LOG_CONS), here
-// a serial line that takes a millisecond or more a line: the timed runs
-// would measure the console.  When /dev/log is missing, this process moves
-// into a mount namespace of its own (its mounts never reach the host) where
-// /dev shows the host's device nodes, through links into a bind mount of
-// the host's /dev, and a /dev/log served by a child.  Returns what the runs
-// log to, for the report.
-std::string Journaliseur() {
-    if (access("/dev/log", F_OK) == 0) return "the host's system logger";
-    const std::string s_Hote = s_Rep + "/dev-hote", s_Dev = s_Rep + "/dev";
-    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mkdir(s_Hote.c_str(), 0755) != 0 || mkdir(s_Dev.c_str(), 0755) != 0 ||
-        mount("/dev", s_Hote.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-        return std::string("the console (no system logger, and no private one: ") + strerror(errno) +
-               "); the times include it";
-    DIR *pst_Rep = opendir("/dev");
-    for (dirent *e; pst_Rep != nullptr && (e = readdir(pst_Rep)) != nullptr;)
-        if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0)
-            symlink((s_Hote + "/" + e->d_name).c_str(), (s_Dev + "/" + e->d_name).c_str());
-    if (pst_Rep != nullptr) closedir(pst_Rep);
-    int i_Fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un st = {};
-    st.sun_family = AF_UNIX;
-    strncpy(st.sun_path, (s_Dev + "/log").c_str(), sizeof st.sun_path - 1);
-    if (bind(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0 ||
-        mount(s_Dev.c_str(), "/dev", nullptr, MS_BIND, nullptr) != 0)
-        return std::string("the console (private logger not set up: ") + strerror(errno) +
-               "); the times include it";
-    b_JournalPrive = true;
-    if (fork() == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        static char pc[8192];
-        for (;;) recv(i_Fd, pc, sizeof pc, 0);
-    }
-    close(i_Fd);
-    return "a private /dev/log, read and dropped (this machine has no system logger)";
-}
-
-// Undoes the private /dev of this process's own namespace and removes its
-// entries (links and the socket: nothing of the host's /dev is touched).
-void RetireJournaliseur() {
-    const std::string s_Hote = s_Rep + "/dev-hote", s_Dev = s_Rep + "/dev";
-    if (b_JournalPrive) umount2("/dev", MNT_DETACH);
-    if (umount2(s_Hote.c_str(), MNT_DETACH) != 0 && errno != ENOENT && errno != EINVAL) return;
-    for (const std::string &s : FichiersCommencantPar(s_Dev, "")) unlink(s.c_str());
-    rmdir(s_Dev.c_str());
-    rmdir(s_Hote.c_str());
 }
 
 // Starts the peer; its process id.
@@ -402,7 +351,7 @@ int main() {
         rmdir(s_Rep.c_str());
         return 1;
     }
-    const std::string s_Journal = Journaliseur();
+    const std::string s_Journal = JournalPrive(s_Rep);
     pid_t i_Pair = DemarrePair();
     std::string s_Petit = CreeMessage("message-1k", TAILLE_PETIT);
     std::string s_Grand = CreeMessage("message-50m", TAILLE_GRAND);
@@ -443,7 +392,7 @@ int main() {
     kill(i_Pair, SIGKILL);
     waitpid(i_Pair, nullptr, 0);
     ArreteAnnuaire(&st_Annuaire);
-    RetireJournaliseur();
+    RetireJournalPrive(s_Rep);
     if (b_Ok && getenv("VORANE_BANC_GARDE") == nullptr) {
         for (const std::string &s : FichiersCommencantPar(s_Rep, "")) unlink(s.c_str());
         rmdir(s_VideSasl.c_str());

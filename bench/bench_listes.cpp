@@ -16,10 +16,13 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <unistd.h>
 #include <string>
 #include <vector>
 
 #include "annuaire_essai.h"
+#include "journal_essai.h"
 #include "directory/directory.h"
 #include "message/message.h"
 #include "processus.h"
@@ -114,6 +117,10 @@ void BoucleMinimale(const std::string &s_Hote, const std::vector<std::string> &v
 }  // namespace
 
 int main() {
+    char pc_Rep[] = "/tmp/banc-listes.XXXXXX";
+    const std::string s_Rep = mkdtemp(pc_Rep);
+    const std::string s_Journal = JournalPrive(s_Rep);
+    printf("The program logs to %s.\n\n", s_Journal.c_str());
     AnnuaireEssai st_Annuaire;
     if (!DemarreAnnuaire(&st_Annuaire, Entrees())) {
         fprintf(stderr, "slapd: %s\n", st_Annuaire.s_Erreur.c_str());
@@ -163,5 +170,7 @@ int main() {
            r.l_MemoireMaxKo, l_Corps, MARGE_MEMOIRE_KO,
            r.i_Statut == 0 && r.l_MemoireMaxKo <= l_Corps + MARGE_MEMOIRE_KO ? "met" : "NOT MET");
     ArreteAnnuaire(&st_Annuaire);
+    RetireJournalPrive(s_Rep);
+    rmdir(s_Rep.c_str());
     return 0;
 }

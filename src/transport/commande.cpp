@@ -1,12 +1,11 @@
 // commande.cpp - submission of a message through a command.
 //
 // DelivreMessage(message, body, action, argv, status slot) starts the command
-// from its argument vector (fork and execv: no shell ever parses a value, so
-// an address reaches the command as one literal argument whatever bytes it
+// from its argument vector (posix_spawn: no shell ever parses a value, so an
+// address reaches the command as one literal argument whatever bytes it
 // holds), writes every node of the message and then the body stream into its
-// standard input, and waits for it.  A command that cannot be started (the
-// exec failure comes back through a close-on-exec pipe) is a temporary
-// failure, as with a command that could not be opened at all.
+// standard input, and waits for it.  A command that cannot be started is a
+// temporary failure, as with a command that could not be opened at all.
 // EnvoiMessage(message, body, sender, recipients) runs sendmail in batches of
 // at most MAX_DEST_LOT recipients whose command text, as logged, fits
 // TAILLE_COMMANDE bytes.
@@ -19,14 +18,15 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <poll.h>
+#include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
+
+extern char **environ;
 #include <vector>
 
 #include "report/report.h"
@@ -122,57 +122,37 @@ void AbandonneFils(Commande *pst) {
 }
 
 // Starts the command with its standard input on a new pipe; 0, or the
-// errno of the failure (the exec's own, reported back by the child).
+// errno of the failure (the exec's own included).  The command is spawned
+// without copying this process: a list of ten thousand members starts a
+// hundred of them.  It inherits nothing of this process but its environment
+// and the pipe (no directory connection, no spool file), with the default
+// SIGPIPE and SIGALRM and no signal blocked; alarms and timers are never
+// inherited by a new process.
 int LanceCommande(char *const *tpc_Argv, Commande *pst) {
     int t_Entree[2];
-    int t_Retour[2];
     if (pipe2(t_Entree, O_CLOEXEC) != 0) return errno;
-    if (pipe2(t_Retour, O_CLOEXEC) != 0) {
-        int i_Err = errno;
+    posix_spawn_file_actions_t st_Actions;
+    posix_spawnattr_t st_Attributs;
+    posix_spawn_file_actions_init(&st_Actions);
+    posix_spawnattr_init(&st_Attributs);
+    posix_spawn_file_actions_adddup2(&st_Actions, t_Entree[0], 0);
+    posix_spawn_file_actions_addclosefrom_np(&st_Actions, 3);
+    sigset_t st_Defaut, st_Vide;
+    sigemptyset(&st_Defaut);
+    sigaddset(&st_Defaut, SIGPIPE);
+    sigaddset(&st_Defaut, SIGALRM);
+    sigemptyset(&st_Vide);
+    posix_spawnattr_setsigdefault(&st_Attributs, &st_Defaut);
+    posix_spawnattr_setsigmask(&st_Attributs, &st_Vide);
+    posix_spawnattr_setflags(&st_Attributs, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    pid_t i_Pid = 0;
+    int i_Err = posix_spawn(&i_Pid, tpc_Argv[0], &st_Actions, &st_Attributs, tpc_Argv, environ);
+    posix_spawn_file_actions_destroy(&st_Actions);
+    posix_spawnattr_destroy(&st_Attributs);
+    if (i_Err != 0) {
         close(t_Entree[0]);
         close(t_Entree[1]);
         return i_Err;
-    }
-    pid_t i_Pid = fork();
-    if (i_Pid < 0) {
-        int i_Err = errno;
-        close(t_Entree[0]);
-        close(t_Entree[1]);
-        close(t_Retour[0]);
-        close(t_Retour[1]);
-        return i_Err;
-    }
-    if (i_Pid == 0) {
-        // Child: the pipe becomes standard input; nothing else of this
-        // process (directory connection, spool files) is inherited; the
-        // command starts with no alarm and the default SIGALRM and SIGPIPE.
-        alarm(0);
-        signal(SIGALRM, SIG_DFL);
-        signal(SIGPIPE, SIG_DFL);
-        if (t_Entree[0] != 0) {
-            dup2(t_Entree[0], 0);  // dup2 clears close-on-exec on the copy
-        } else {
-            fcntl(0, F_SETFD, 0);
-        }
-        syscall(SYS_close_range, 3U, ~0U, CLOSE_RANGE_CLOEXEC);
-        execv(tpc_Argv[0], tpc_Argv);
-        int i_Err = errno;
-        ssize_t i_Ignore = write(t_Retour[1], &i_Err, sizeof i_Err);
-        (void)i_Ignore;
-        _exit(127);
-    }
-    close(t_Retour[1]);
-    int i_ErrExec = 0;
-    ssize_t i_Lu;
-    do {
-        i_Lu = read(t_Retour[0], &i_ErrExec, sizeof i_ErrExec);
-    } while (i_Lu < 0 && errno == EINTR);
-    close(t_Retour[0]);
-    if (i_Lu == static_cast<ssize_t>(sizeof i_ErrExec)) {
-        close(t_Entree[0]);
-        close(t_Entree[1]);
-        AttendFils(i_Pid);
-        return i_ErrExec != 0 ? i_ErrExec : ENOEXEC;
     }
     fcntl(t_Entree[1], F_SETFL, O_NONBLOCK);
     pst->i_Pid = i_Pid;
