@@ -36,7 +36,12 @@ const std::string ENTREES =
     EntreeLdif("uid=sansremise", "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\n"
                                  "mail: sansremise@vorane.example\n") +
     EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
-                          "mail: ext@partenaire.test\n");
+                          "mail: ext@partenaire.test\n") +
+    // Reached only through a referral from another server.
+    EntreeLdif("ou=ailleurs", "objectClass: organizationalUnit\nou: ailleurs\n") +
+    EntreeLdif("uid=loin,ou=ailleurs", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
+                                       "uid: loin\ncn: Loin\nsn: L\nmail: loin@vorane.example\n"
+                                       "ravokVixRemise: LMTP\n");
 
 // Accepts a transaction for n recipients.
 std::vector<EtapeLmtp> ScriptAccepte(int n) {
@@ -377,6 +382,43 @@ TEST_F(Remise, AucuneInjectionDEnTete) {
     std::string s_Reponse = s_Entete.substr(s_Entete.find("\nReply-to: "));
     s_Reponse = s_Reponse.substr(0, s_Reponse.find("\nSubject"));
     EXPECT_EQ(s_Reponse, "\nReply-to: \"Nom victime@x.test \"\n\t<\"a b\"@partenaire.test>");
+}
+
+}  // namespace
+
+namespace {
+
+// A directory that answers a search with a referral: the library follows it
+// and finds the recipient on the second server; a referral to a server that
+// never answers ends within the time limits, the message kept for a retry.
+TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
+    ServeurMuet st_Muet;
+    ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
+    for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote}) {
+        AnnuaireEssai st_Premier;
+        ASSERT_TRUE(DemarreAnnuaire(
+            &st_Premier, EntreeLdif("ou=ailleurs", "objectClass: referral\nobjectClass: "
+                                                   "extensibleObject\nou: ailleurs\nref: ldap://" +
+                                                       s_Cible + "/ou=ailleurs," +
+                                                       SUFFIXE_ANNUAIRE_ESSAI + "\n")))
+            << st_Premier.s_Erreur;
+        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+        ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                    {"loin@vorane.example"}, MESSAGE_EXTERNE,
+                                    {"-l", st_Premier.s_Hote});
+        ArreteAnnuaire(&st_Premier);
+        EXPECT_FALSE(r.b_Expire);
+        if (s_Cible == st_Muet.s_Hote) {
+            EXPECT_EQ(r.i_Statut, 75);
+            EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/2604: Erreur ldap_search_s"),
+                      std::string::npos)
+                << r.s_Erreur;
+        } else {
+            EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+            EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<loin>\n"), std::string::npos);
+        }
+    }
+    ArreteServeurMuet(&st_Muet);
 }
 
 }  // namespace
