@@ -399,9 +399,9 @@ TEST_F(Remise, FromHostileSansInjection) {
     for (int i = 0; i < 247; i++) s_Echappes += "\\>";
     struct {
         const char *pc_Nom;
-        std::string s_Suite;      // what follows Received and Message-ID
-        std::string s_Attendu = "";          // in the header delivered
-        const char *pc_Emetteur = nullptr;  // envelope sender, when not ext@partenaire.test
+        std::string s_Suite;                // what follows Received and Message-ID
+        std::string s_Attendu = "";         // found in the header delivered
+        const char *pc_Emetteur = nullptr;  // envelope sender, if not ext@partenaire.test
     } t[] = {
         {"ligne_echappee_reprise_d_une_trace",
          TRACE + "Ancien <x\\\n\tReply-To:attacker@evil.example>\n"
