@@ -78,7 +78,8 @@ bool ConvertitMot(Decodage *pst, const char *pc_Charset, char *pc_Decode) {
 // Decodes the encoded word at pc_Mot ("=?..."); leaves in *ppc_Suite the
 // position right after its "?=".
 Mot DecodeMot(Decodage *pst, const char *pc_Mot, const char **ppc_Suite) {
-    // Charset, up to the first "?" after "=?", cut to 31 characters.
+    // Charset, up to the first "?" after "=?", cut to 31 characters; an
+    // empty name is ISO-8859-1, as everywhere else.
     const char *pc_Charset = pc_Mot + 2;
     const char *pc_Q1 = strchr(pc_Charset, '?');
     if (pc_Q1 == nullptr) return Mot::ErreurFormat2414;
@@ -87,6 +88,7 @@ Mot DecodeMot(Decodage *pst, const char *pc_Mot, const char **ppc_Suite) {
                                               TAILLE_CHARSET - 1);
     memcpy(pc_NomCharset, pc_Charset, t_Nom);
     pc_NomCharset[t_Nom] = '\0';
+    if (t_Nom == 0) memcpy(pc_NomCharset, PC_CHARSET_DEFAUT, strlen(PC_CHARSET_DEFAUT) + 1);
 
     // Encoding letter, followed by "?".
     char c_Lettre = static_cast<char>(toupper(static_cast<unsigned char>(pc_Q1[1])));

@@ -2,10 +2,11 @@
 //
 // ldapConnect / _ldapConnect open the process's one session: the host list
 // of -l becomes a list of ldap:// URIs tried in order by the library, then
-// protocol version 3, time-outs, no referral chasing, an explicit connect
-// and an anonymous simple bind.  RecupUneEntreeLdap runs one subtree search
-// below the empty base and copies the values of an attribute list into a
-// value table; the accessors read that table by attribute name.
+// protocol version 3, time-outs, an explicit connect and an anonymous
+// simple bind; referrals are followed (the library's default), within the
+// same time-outs.  RecupUneEntreeLdap runs one subtree search below the
+// empty base and copies the values of an attribute list into a value table;
+// the accessors read that table by attribute name.
 //
 // Buffers: URI list TAILLE_TEXTE (1024); filters are the callers'
 // (TAILLE_FILTRE, 320), built by ConstruitFiltreLdap.
@@ -120,15 +121,28 @@ void LibereSession(LDAP *ld) {
     if (ld != nullptr) ldap_unbind_ext_s(ld, nullptr, nullptr);
 }
 
-// Sets one option of a fresh session; level 4 (2548) with the value shown and
-// false on failure.
-bool PoseOption(LDAP *ld, int i_Option, const void *pv_Valeur, int i_ValeurAffichee) {
-    int i_Code = ldap_set_option(ld, i_Option, pv_Valeur);
+// Reports an option refused to a fresh session: level 4 (2548) with the
+// value shown; true when the option was set.
+bool OptionPosee(int i_Code, int i_ValeurAffichee) {
     if (i_Code == LDAP_OPT_SUCCESS) return true;
     TraitementErreur(NIVEAU_AVERTISSEMENT,
                      "v1.1.0/2548: Erreur ldap_set_option <%d>, ld_errno=%d (%s). %s",
                      i_ValeurAffichee, i_Code, ldap_err2string(i_Code), gPc_InfoMessEnCours);
     return false;
+}
+
+// Sets one option of a fresh session; level 4 (2548) on failure.
+bool PoseOption(LDAP *ld, int i_Option, const void *pv_Valeur, int i_ValeurAffichee) {
+    return OptionPosee(ldap_set_option(ld, i_Option, pv_Valeur), i_ValeurAffichee);
+}
+
+// Binds a connection that the library opened to follow a referral:
+// anonymously, like the session itself, and within the session's operation
+// time-out (the library's own anonymous rebind waits for the server's answer
+// without any limit).
+int LieRenvoi(LDAP *ld, LDAP_CONST char *, ber_tag_t, ber_int_t, void *) {
+    berval st_Secret{0, nullptr};
+    return ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
 }
 
 // Copies the library's values into one allocation: the pointer array, then
@@ -255,16 +269,19 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     // 2. Protocol version 3 (the library starts at 2, which the server
     //    refuses), then the limits that keep a silent or unreachable host
     //    from holding the run: the connect, and every synchronous operation,
-    //    end after gi_DelaiReseauLdap seconds.  Referrals are not chased: the
-    //    program talks only to the hosts it was given.  A refused option is
-    //    reported with the value asked for (3, the time-out, 0 for referrals).
+    //    end after gi_DelaiReseauLdap seconds; the connections the library
+    //    opens to follow a referral get the same limits.  Referrals are left
+    //    to the library's default, followed with an anonymous bind, so that a
+    //    directory split over several servers answers as one.  A refused
+    //    option is reported with the value asked for (3, the time-out, 0 for
+    //    the binding procedure of referrals).
     int i_Version = VERSION_PROTOCOLE_LDAP;
     timeval st_Delai{};
     st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
     if (!PoseOption(ld, LDAP_OPT_PROTOCOL_VERSION, &i_Version, i_Version) ||
         !PoseOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
         !PoseOption(ld, LDAP_OPT_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
-        !PoseOption(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF, 0)) {
+        !OptionPosee(ldap_set_rebind_proc(ld, LieRenvoi, nullptr), 0)) {
         LibereSession(ld);
         return nullptr;
     }

@@ -57,7 +57,8 @@
 //   level 4  3388 member address too long for a filter (kept as it is)
 //
 // Limits: network and operation time-out gi_DelaiReseauLdap (10 s) per
-// attempt and per search; referrals are not followed.
+// attempt and per search (connections opened to follow a referral
+// included); referrals are followed, as the library does by default.
 #pragma once
 
 #include <cstddef>

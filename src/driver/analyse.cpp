@@ -1,16 +1,31 @@
 // analyse.cpp - message intake and sender analysis.
 //
 // AnalyseMessage reads the header from standard input into the incoming
-// header, builds the working header (its own nodes, sharing the incoming
-// texts), captures the Message-Id, writes "remise-vorane[pid]: description"
-// on standard error, and works out who sent the message: the From address
-// and display name with their fall-backs, an earlier pass through this
-// program (its trace header), the sender classes (from-differs, well-formed,
-// internal domain, daemon, unauthenticated), the sender's directory entry,
-// and the origin zone.  Oddities of the From are warnings (level 4: 3681,
-// 3688, 3700, 3733, 3780); 3725 and 3738 are information lines; 3728 and
-// allocation failures are level 2; a broken address pattern is level 3
-// (3836); a matching error is logged (3839).
+// header, builds the working header, captures the Message-Id, writes
+// "remise-vorane[pid]: description" on standard error, and works out who
+// sent the message: the From address and display name with their
+// fall-backs, an earlier pass through this program (its trace header), the
+// sender classes (from-differs, well-formed, internal domain, daemon,
+// unauthenticated), the sender's directory entry, and the origin zone.
+// It runs as three stages (driver.h): AnalyseEntete, EmetteurAnnuaire,
+// NomEtOrigine; the fuzz target of the header rewriting runs the first and
+// the last around a directory of its own making.
+//
+// The working header holds one node for each whole line: a line longer than
+// one read arrives as several pieces, which the incoming header keeps as
+// nodes of their own and the working header joins into one text, so that
+// every lookup sees only the start of a line and a rewritten line replaces
+// all of it.  A line read in one piece keeps sharing the incoming text.
+//
+// The earlier-pass line "\t+ from original: phrase <address>,\n" goes into
+// the new trace header: its phrase goes through EpureControles and its
+// address is written by EcritAdresse, like every text from the message that
+// the header rewriting puts into a line of its own.
+//
+// Oddities of the From are warnings (level 4: 3681, 3688, 3700, 3733,
+// 3780); 3725 and 3738 are information lines; 3728 and allocation failures
+// are level 2; a broken address pattern is level 3 (3836); a matching error
+// is logged (3839).
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +55,15 @@ constexpr const char *PC_MOTIF_ADRESSE_SMTP =
 // Envelope sender that replaces an empty one for the rest of the run.
 char sPc_EmetteurVide[TAILLE_ADRESSE];
 
-// Reads the header and builds the working copy over the same texts.
+// True when the node ends a whole line: its text ends with a line feed, or
+// nothing follows it.
+bool FinDeLigne(const Entete *pet) {
+    std::size_t t_Long = strlen(pet->pc_Ligne);
+    return pet->pet_Suivant == nullptr || (t_Long > 0 && pet->pc_Ligne[t_Long - 1] == '\n');
+}
+
+// Reads the header and builds the working copy, one node for each whole
+// line: the pieces of a line longer than one read are joined into one text.
 void LitEntetes() {
     LitEntete(&gpet_EnteteMessOrigine);
     if (gpet_EnteteMessOrigine == nullptr) {
@@ -49,7 +72,22 @@ void LitEntetes() {
     }
     Entete *pet_Curseur = nullptr;
     for (Entete *pet = gpet_EnteteMessOrigine; pet != nullptr; pet = pet->pet_Suivant) {
-        Entete *pet_Nouveau = ChargeLigne(&pet_Curseur, pet->pc_Ligne, ADOPTE_TEXTE);
+        Entete *pet_Nouveau = nullptr;
+        if (FinDeLigne(pet)) {
+            pet_Nouveau = ChargeLigne(&pet_Curseur, pet->pc_Ligne, ADOPTE_TEXTE);
+        } else {
+            std::size_t t_Total = strlen(pet->pc_Ligne);
+            for (Entete *pet_Piece = pet; !FinDeLigne(pet_Piece);)
+                t_Total += strlen((pet_Piece = pet_Piece->pet_Suivant)->pc_Ligne);
+            pet_Nouveau = ChargeLigne(&pet_Curseur, pet->pc_Ligne, t_Total + 1);
+            char *pc_Fin = pet_Nouveau->pc_Ligne + strlen(pet->pc_Ligne);
+            while (!FinDeLigne(pet)) {
+                pet = pet->pet_Suivant;
+                std::size_t t_Piece = strlen(pet->pc_Ligne);
+                memcpy(pc_Fin, pet->pc_Ligne, t_Piece + 1);
+                pc_Fin += t_Piece;
+            }
+        }
         if (gpet_EnteteMess == nullptr) gpet_EnteteMess = pet_Nouveau;
     }
 }
@@ -113,8 +151,11 @@ void AnalysePassagePrecedent(AnalyseEmetteur *pst) {
            "cou/ori = %s / %s. %s",
            pst->Pc_Nom, pc_Phrase, gPc_InfoMessEnCours);
     _strncpy(pst->Pc_Nom, pc_Phrase, TAILLE_ADRESSE);  // at most 255 characters
+    char pc_Ecrite[TAILLE_TEXTE];
+    EcritAdresse(pc_Adresse, pc_Ecrite, sizeof pc_Ecrite);
+    EpureControles(pc_Phrase, 0);
     char *pc_Ligne = nullptr;
-    if (asprintf(&pc_Ligne, "\t+ from original: %s <%s>,\n", pc_Phrase, pc_Adresse) < 0)
+    if (asprintf(&pc_Ligne, "\t+ from original: %s <%s>,\n", pc_Phrase, pc_Ecrite) < 0)
         TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/3728: Erreur asprintf, errno=%d (%s). %s", errno,
                          strerror(errno), gPc_InfoMessEnCours);
     pst->pc_PassagePrecedent = pc_Ligne;
@@ -197,8 +238,40 @@ void LibereValeurs(char ***ttpc_Valeurs, int i_Nb) {
     }
 }
 
-// Directory lookup of the sender and the display name (steps 15 to 20).
-void EmetteurAnnuaire(const OptionsRemise *pst_Options, AnalyseEmetteur *pst) {
+// Origin zone, its label and mark (steps 21 and 22).
+void Origine(AnalyseEmetteur *pst) {
+    int i_Zone = ZoneOrigine(gpet_EnteteMess);
+    if (gtpc_LibelleZone[i_Zone][0] != '\0') {
+        pst->pc_MarqueOrigine = gtpc_MarqueZone[i_Zone];
+        pst->pc_LibelleOrigine = gtpc_LibelleZone[i_Zone];
+    }
+    if (pst->i_NonAuthentifie) {
+        if (pst->pc_LibelleOrigine[0] == '\0') pst->pc_LibelleOrigine = PC_LIBELLE_NON_AUTHENTIFIE;
+        if (pst->pc_MarqueOrigine[0] == '\0') pst->pc_MarqueOrigine = PC_MARQUE_NON_AUTHENTIFIE;
+    }
+}
+
+}  // namespace
+
+// Reading, working copy, Message-Id, description, then the From, an earlier
+// pass, fall-backs and classes (steps 1 to 14).
+void AnalyseEntete(AnalyseEmetteur *pst) {
+    LitEntetes();
+    RecupValeur(RecupValeurEntete(gpet_EnteteMess, "Message-Id:"), " <", ">", gPc_MessageId,
+                sizeof gPc_MessageId);
+    MajInfoMessEnCours(gPc_MessageId, 0);
+    fprintf(stderr, "remise-vorane[%d]: %s\n", static_cast<int>(getpid()), gPc_InfoMessEnCours);
+
+    AnalyseFrom(pst);
+    AnalysePassagePrecedent(pst);
+    ClasseEmetteur(pst);
+}
+
+// Opens the directory and looks the envelope sender up (steps 15 and 16):
+// gi_EmetteurZeldor, gi_EmetteurZeldorBoite, and the entry's cn, at most 511
+// characters, in pc_Cn (TAILLE_PHRASE bytes; empty when none).
+void EmetteurAnnuaire(const OptionsRemise *pst_Options, const AnalyseEmetteur *pst,
+                      char *pc_Cn) {
     gld = ldapConnect(pst_Options->pc_HotesLdap);
 
     char **ttpc_Valeurs[NB_ATTR_LDAP_EMET + 1] = {};
@@ -215,55 +288,33 @@ void EmetteurAnnuaire(const OptionsRemise *pst_Options, AnalyseEmetteur *pst) {
             gi_EmetteurZeldor = ChercheEmetteur("mail", ttpc_Valeurs);
         }
     }
+    _strncpy(pc_Cn, pc_ValeurLdap(gtpc_AttrLdapEmet, ttpc_Valeurs, "cn", 0), TAILLE_PHRASE);
+    LibereValeurs(ttpc_Valeurs, NB_ATTR_LDAP_EMET);
+}
 
+// The display name (steps 17 to 20) and the origin zone (steps 21 and 22).
+void NomEtOrigine(AnalyseEmetteur *pst, const char *pc_Cn) {
     if (pst->i_fdv) pst->Pc_Nom[0] = '\0';
     if (gi_EmetteurZeldor && !pst->i_mdf) {
-        _strncpy(pst->Pc_Nom, pc_ValeurLdap(gtpc_AttrLdapEmet, ttpc_Valeurs, "cn", 0),
-                 sizeof pst->Pc_Nom);
+        _strncpy(pst->Pc_Nom, pc_Cn, sizeof pst->Pc_Nom);
     } else if (pst->Pc_Nom[0] != '\0') {
         char pc_Decode[TAILLE_PHRASE];
         DecodeQP(pst->Pc_Nom, "UTF-8", pc_Decode, sizeof pc_Decode);
         DeQuotte(pc_Decode, pst->Pc_Nom, sizeof pst->Pc_Nom);
     }
-    LibereValeurs(ttpc_Valeurs, NB_ATTR_LDAP_EMET);
     if (pst->Pc_Nom[0] == '\0') _strncpy(pst->Pc_Nom, pst->Pc_Adresse, sizeof pst->Pc_Nom);
     if (strchr(pst->Pc_Nom, '"') != nullptr) {
         char pc_Copie[TAILLE_PHRASE];
         DeQuotte(pst->Pc_Nom, pc_Copie, sizeof pc_Copie);
         _strncpy(pst->Pc_Nom, pc_Copie, sizeof pst->Pc_Nom);
     }
+    Origine(pst);
 }
-
-// Origin zone, its label and mark (steps 21 and 22).
-void Origine(AnalyseEmetteur *pst) {
-    int i_Zone = ZoneOrigine(gpet_EnteteMess);
-    if (gtpc_LibelleZone[i_Zone][0] != '\0') {
-        pst->pc_MarqueOrigine = gtpc_MarqueZone[i_Zone];
-        pst->pc_LibelleOrigine = gtpc_LibelleZone[i_Zone];
-    }
-    if (pst->i_NonAuthentifie) {
-        if (pst->pc_LibelleOrigine[0] == '\0') pst->pc_LibelleOrigine = PC_LIBELLE_NON_AUTHENTIFIE;
-        if (pst->pc_MarqueOrigine[0] == '\0') pst->pc_MarqueOrigine = PC_MARQUE_NON_AUTHENTIFIE;
-    }
-}
-
-}  // namespace
 
 // Reads the header and analyses the sender; see the unit's heading.
 void AnalyseMessage(const OptionsRemise *pst_Options, AnalyseEmetteur *pst) {
-    // Reading, working copy, Message-Id, description.
-    LitEntetes();
-    RecupValeur(RecupValeurEntete(gpet_EnteteMess, "Message-Id:"), " <", ">", gPc_MessageId,
-                sizeof gPc_MessageId);
-    MajInfoMessEnCours(gPc_MessageId, 0);
-    fprintf(stderr, "remise-vorane[%d]: %s\n", static_cast<int>(getpid()), gPc_InfoMessEnCours);
-
-    // The header From, an earlier pass, fall-backs and classes.
-    AnalyseFrom(pst);
-    AnalysePassagePrecedent(pst);
-    ClasseEmetteur(pst);
-
-    // Directory and origin zone.
-    EmetteurAnnuaire(pst_Options, pst);
-    Origine(pst);
+    AnalyseEntete(pst);
+    char pc_Cn[TAILLE_PHRASE];
+    EmetteurAnnuaire(pst_Options, pst, pc_Cn);
+    NomEtOrigine(pst, pc_Cn);
 }

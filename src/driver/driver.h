@@ -48,6 +48,20 @@ struct AnalyseEmetteur {
 // analyses the sender, opens the directory and finds the origin zone.
 void AnalyseMessage(const OptionsRemise *pst_Options, AnalyseEmetteur *pst_Analyse);
 
+// The three stages of AnalyseMessage, apart so that the header analysis and
+// rewriting can run without a directory (the fuzz target stands in for it):
+// reading, working copy, Message-Id and the From analysis up to the sender
+// classes;
+void AnalyseEntete(AnalyseEmetteur *pst_Analyse);
+// the directory: opens gld, looks the envelope sender up, sets
+// gi_EmetteurZeldor and gi_EmetteurZeldorBoite and copies the entry's cn
+// into pc_Cn (TAILLE_PHRASE bytes, empty when none);
+void EmetteurAnnuaire(const OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
+                      char *pc_Cn);
+// the display name (the cn when the sender was found and the From agrees)
+// and the origin zone.
+void NomEtOrigine(AnalyseEmetteur *pst_Analyse, const char *pc_Cn);
+
 // Rewrites the working header; returns the mailbox suffix for LMTP (-c, or
 // -s for a message flagged as spam).
 const char *ReecritEntete(const OptionsRemise *pst_Options, AnalyseEmetteur *pst_Analyse);

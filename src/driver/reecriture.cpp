@@ -11,8 +11,34 @@
 // incoming header is never changed: new texts replace a node's text in the
 // working header only.  Returns the mailbox suffix: -s for a message flagged
 // as spam when -s was given, else -c.
+//
+// Every line composed here is exactly one header field that ends with
+// exactly one line feed, whatever the message holds:
+//   - every text from the message put into such a line (the display name,
+//     the address, the Subject before it is encoded, the incoming From and
+//     Subject copied into the trace header, the earlier-pass line of the
+//     analysis) goes through the one clean-up, EpureControles: control bytes
+//     become blanks, 8-bit bytes stay; the copied values keep their own
+//     folding (a line feed followed by a blank or a tab) and end with one
+//     line feed written here, whether they came with a line end or not;
+//   - addresses between angle brackets are written by EcritAdresse, so that
+//     the From, the Reply-to and the trace header name exactly one address;
+//   - the display name is a quoted string, its quotes and backslashes
+//     escaped, cut (never its closing quote) to fit the encoded name; the
+//     incoming From's character set serves only when its name is a plain
+//     token (letters, digits, "-", "_") and the name comes out of the
+//     conversion as one quoted string without control bytes (not so in
+//     UTF-16, EBCDIC or ISO-2022 forms): otherwise UTF-8;
+//   - the incoming values are read from the working header before any line
+//     of it is rewritten: the same texts as the incoming header, joined into
+//     whole lines (see analyse.cpp), so that a piece of a long line is never
+//     taken for a header of its own;
+//   - lines go in after a whole line; a last line that came without its line
+//     feed gets one first, and the empty line that ends a header with no
+//     other line gets the program's lines in front of it, never after it.
 // Messages: 4063 no From line (level 4); 3963 3981 4003 4070 4092 4127 4135
 // 4139 4142 allocation (level 2).
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -50,20 +76,76 @@ char *NouvelleLigne(int i_Numero, const char *pc_Format, ...) {
     return pc;
 }
 
-// Replaces control characters by blanks, in place: a name or an address
-// that came from the message or the directory never brings a line break or
-// a carriage return into a header line the program writes (its own folding
-// is added afterwards).
-void EpureControles(char *pc_Texte) {
-    for (unsigned char *pc = reinterpret_cast<unsigned char *>(pc_Texte); *pc != '\0'; pc++)
-        if (*pc < 0x20 || *pc == 0x7f) *pc = ' ';
+// True when the text ends with a line feed.
+bool FinitParSautDeLigne(const char *pc) {
+    std::size_t t_Long = strlen(pc);
+    return t_Long > 0 && pc[t_Long - 1] == '\n';
+}
+
+// Inserts a composed line after the cursor's line (ChargeLigne).  A line
+// that came without its line feed gets one first, so that the new line is
+// not glued to it; when the cursor is the empty line that ends a header with
+// no other line (no From, nothing before it), the line goes in front of it,
+// at the head, so that it stays in the header.
+void Insere(Entete **ppet_Curseur, char *pc_Ligne, int i_Numero) {
+    Entete *pet = *ppet_Curseur;
+    if (pet == gpet_EnteteMess && LigneEnteteVide(pet->pc_Ligne)) {
+        Entete *pet_Seul = nullptr;
+        Entete *pet_Tete = ChargeLigne(&pet_Seul, pc_Ligne, ADOPTE_TEXTE);
+        pet_Tete->pet_Suivant = gpet_EnteteMess;
+        gpet_EnteteMess = pet_Tete;
+        *ppet_Curseur = pet_Tete;
+        return;
+    }
+    if (!FinitParSautDeLigne(pet->pc_Ligne))
+        pet->pc_Ligne = NouvelleLigne(i_Numero, "%s\n", pet->pc_Ligne);
+    ChargeLigne(ppet_Curseur, pc_Ligne, ADOPTE_TEXTE);
+}
+
+// The display name as one quoted string, its quotes and backslashes
+// escaped, in t_Taille bytes (at least 3): the name is cut, never the
+// closing quote.
+void MetEntreGuillemets(const char *pc_Nom, char *pc_Sortie, std::size_t t_Taille) {
+    std::size_t n = 0;
+    pc_Sortie[n++] = '"';
+    for (const char *pc = pc_Nom; *pc != '\0'; pc++) {
+        bool b_Echappe = *pc == '"' || *pc == '\\';
+        if (n + (b_Echappe ? 2 : 1) + 2 > t_Taille) break;  // closing quote and NUL
+        if (b_Echappe) pc_Sortie[n++] = '\\';
+        pc_Sortie[n++] = *pc;
+    }
+    pc_Sortie[n++] = '"';
+    pc_Sortie[n] = '\0';
+}
+
+// True when the text is one whole quoted string without control bytes: an
+// opening quote, then quoted pairs and other bytes, the closing quote last.
+bool EstUneChaineEntreGuillemets(const char *pc) {
+    if (pc[0] != '"') return false;
+    for (const unsigned char *p = reinterpret_cast<const unsigned char *>(pc) + 1; *p != '\0';
+         p++) {
+        if (*p < 0x20 || *p == 0x7f) return false;
+        if (*p == '\\' && *++p == '\0') return false;
+        if (*p == '"') return p[1] == '\0';
+    }
+    return false;
+}
+
+// True when the charset name is a plain token: letters, digits, "-", "_".
+bool EstNomCharset(const char *pc) {
+    for (; *pc != '\0'; pc++)
+        if (!((*pc >= 'a' && *pc <= 'z') || (*pc >= 'A' && *pc <= 'Z') ||
+              (*pc >= '0' && *pc <= '9') || *pc == '-' || *pc == '_'))
+            return false;
+    return true;
 }
 
 // Character set named by the first encoded word of the incoming From, or
-// ISO-8859-15.
-void CharsetFrom(char *pc_Charset) {
+// ISO-8859-15 when there is none or its name is not a plain token (the name
+// goes into the encoded words of the rebuilt From).
+void CharsetFrom(const char *pc_FromOrigine, char *pc_Charset) {
     pc_Charset[0] = '\0';
-    const char *pc = strstr(RecupValeurEntete(gpet_EnteteMessOrigine, "from:"), "=?");
+    const char *pc = strstr(pc_FromOrigine, "=?");
     if (pc != nullptr) {
         pc += 2;
         const char *pc_Fin = strchr(pc, '?');
@@ -74,18 +156,24 @@ void CharsetFrom(char *pc_Charset) {
             pc_Charset[t_Long] = '\0';
         }
     }
-    if (pc_Charset[0] == '\0') _strncpy(pc_Charset, PC_CHARSET_FROM_DEFAUT, TAILLE_CHARSET_FROM);
+    if (pc_Charset[0] == '\0' || !EstNomCharset(pc_Charset))
+        _strncpy(pc_Charset, PC_CHARSET_FROM_DEFAUT, TAILLE_CHARSET_FROM);
 }
 
 // The display name quoted and written as encoded words: in the From's
-// character set when the name converts to it, else in UTF-8.
-void EncodeNom(const char *pc_Nom, char *pc_Sortie, std::size_t t_Taille) {
+// character set when the quoted name converts to it and stays one quoted
+// string, else in UTF-8.  The quoted name is built in the size of the
+// result, so that a name written as it is (all ASCII) keeps its closing
+// quote.
+void EncodeNom(const char *pc_Nom, const char *pc_FromOrigine, char *pc_Sortie,
+               std::size_t t_Taille) {
     char pc_Charset[TAILLE_CHARSET_FROM];
-    CharsetFrom(pc_Charset);
-    char pc_Guillemets[TAILLE_TEXTE];
-    snprintf(pc_Guillemets, sizeof pc_Guillemets, "\"%s\"", pc_Nom);
+    CharsetFrom(pc_FromOrigine, pc_Charset);
+    char pc_Guillemets[TAILLE_PHRASE];
+    MetEntreGuillemets(pc_Nom, pc_Guillemets, std::min(sizeof pc_Guillemets, t_Taille));
     char pc_Converti[TAILLE_PHRASE];
-    if (conv_jc2(pc_Guillemets, "UTF-8", pc_Converti, pc_Charset, sizeof pc_Converti) != nullptr)
+    if (conv_jc2(pc_Guillemets, "UTF-8", pc_Converti, pc_Charset, sizeof pc_Converti) != nullptr &&
+        EstUneChaineEntreGuillemets(pc_Converti))
         EncodeQP(pc_Converti, pc_Charset, pc_Sortie, static_cast<int>(t_Taille));
     else
         EncodeQP(pc_Guillemets, "UTF-8", pc_Sortie, static_cast<int>(t_Taille));
@@ -98,9 +186,8 @@ void LignesOrigine(AnalyseEmetteur *pst) {
     if (pet_Curseur == nullptr) pet_Curseur = gpet_EnteteMess;
 
     if (pst->pc_LibelleOrigine[0] != '\0')
-        ChargeLigne(&pet_Curseur,
-                    NouvelleLigne(3963, "X-ravokOrigine: %s\n", pst->pc_LibelleOrigine),
-                    ADOPTE_TEXTE);
+        Insere(&pet_Curseur, NouvelleLigne(3963, "X-ravokOrigine: %s\n", pst->pc_LibelleOrigine),
+               3963);
 
     char pc_Depot[TAILLE_DEPOT] = "";
     if (pst->i_mdf) {
@@ -109,7 +196,7 @@ void LignesOrigine(AnalyseEmetteur *pst) {
         snprintf(pc_Depot, sizeof pc_Depot,
                  pst->pc_LibelleOrigine[0] != '\0' ? ", d\xc3\xa9p\xc3\xb4t %s" : "d\xc3\xa9p\xc3\xb4t %s",
                  pc_Deposant);
-        ChargeLigne(&pet_Curseur, NouvelleLigne(3981, "X-ravokFromDifferent: 1\n"), ADOPTE_TEXTE);
+        Insere(&pet_Curseur, NouvelleLigne(3981, "X-ravokFromDifferent: 1\n"), 3981);
     }
 
     if (pc_Depot[0] == '\0' && pst->pc_MarqueOrigine[0] == '\0' &&
@@ -120,23 +207,26 @@ void LignesOrigine(AnalyseEmetteur *pst) {
     if (LigneEnteteVide(RecupValeurEntete(gpet_EnteteMess, "reply-to:"))) {
         char pc_Guillemets[TAILLE_TEXTE];
         char pc_Encode[TAILLE_TEXTE];
-        snprintf(pc_Guillemets, sizeof pc_Guillemets, "\"%s\"", pc_Nom);
+        char pc_Adresse[TAILLE_TEXTE];
+        MetEntreGuillemets(pc_Nom, pc_Guillemets, sizeof pc_Guillemets);
         EncodeQP(pc_Guillemets, "UTF-8", pc_Encode, sizeof pc_Encode);
-        ChargeLigne(&pet_Curseur,
-                    NouvelleLigne(4003, "Reply-to: %s\n\t<%s>\n", pc_Encode, pst->Pc_Adresse),
-                    ADOPTE_TEXTE);
+        EcritAdresse(pst->Pc_Adresse, pc_Adresse, sizeof pc_Adresse);
+        Insere(&pet_Curseur, NouvelleLigne(4003, "Reply-to: %s\n\t<%s>\n", pc_Encode, pc_Adresse),
+               4003);
     }
     // "mark name (label deposit)", cut to the name's buffer.
     std::string s_Decore = std::string(pst->pc_MarqueOrigine) + pc_Nom + " (" +
                            pst->pc_LibelleOrigine + pc_Depot + ")";
     _strncpy(pst->Pc_Nom, s_Decore.c_str(), sizeof pst->Pc_Nom);
-    EpureControles(pst->Pc_Nom);
+    EpureControles(pst->Pc_Nom, 0);
 }
 
 // Rebuilds the From line (steps 5 to 7).
-void LigneFrom(const AnalyseEmetteur *pst) {
+void LigneFrom(const AnalyseEmetteur *pst, const char *pc_FromOrigine) {
     char pc_NomEncode[TAILLE_PHRASE];
-    EncodeNom(pst->Pc_Nom, pc_NomEncode, sizeof pc_NomEncode);
+    EncodeNom(pst->Pc_Nom, pc_FromOrigine, pc_NomEncode, sizeof pc_NomEncode);
+    char pc_Adresse[TAILLE_TEXTE];
+    EcritAdresse(pst->Pc_Adresse, pc_Adresse, sizeof pc_Adresse);
     Entete *pet_From = RecupEntete(gpet_EnteteMess, "from:");
     if (pet_From == nullptr) {
         TraitementErreur(NIVEAU_AVERTISSEMENT, "v1.1.0/4063: Entete sans 'From:'... %s",
@@ -146,8 +236,7 @@ void LigneFrom(const AnalyseEmetteur *pst) {
         pet_From->pet_Suivant = gpet_EnteteMess;
         gpet_EnteteMess = pet_From;
     }
-    pet_From->pc_Ligne =
-        NouvelleLigne(4070, "From: %s\n\t<%s>\n", pc_NomEncode, pst->Pc_Adresse);
+    pet_From->pc_Ligne = NouvelleLigne(4070, "From: %s\n\t<%s>\n", pc_NomEncode, pc_Adresse);
 }
 
 // Encodes a raw 8-bit Subject; 1 when it was rewritten (step 8).
@@ -158,24 +247,33 @@ int LigneSujet() {
     char pc_Deplie[TAILLE_TEXTE];
     char pc_Encode[TAILLE_TEXTE];
     Deplie(pc_Sujet, pc_Deplie, sizeof pc_Deplie);
-    EncodeQP(pc_Deplie, "iso8859-15", pc_Encode, sizeof pc_Encode);
+    EncodeQP(EpureControles(pc_Deplie, 0), "iso8859-15", pc_Encode, sizeof pc_Encode);
     pet_Sujet->pc_Ligne = NouvelleLigne(4092, "Subject: %s\n", pc_Encode);
     return 1;
 }
 
-// The incoming value of a header, or the "not found" text.
-const char *ValeurOrigine(const char *pc_Nom) {
-    const char *pc = RecupValeurEntete(gpet_EnteteMessOrigine, pc_Nom);
-    return LigneEnteteVide(pc) ? PC_NON_TROUVE : pc;
+// An incoming value as the trace header copies it, or the "not found" text
+// when it is empty or absent: cleaned, with its own folding, without its
+// final line end (the caller writes one).  A failed copy is reported with
+// the number of the part it is for.
+char *ValeurCopiee(int i_Numero, const char *pc_Valeur) {
+    return EpureControles(
+        NouvelleLigne(i_Numero, "%s", LigneEnteteVide(pc_Valeur) ? PC_NON_TROUVE : pc_Valeur), 1);
 }
 
 // The trace header, after the first line (step 9).
-void LigneTrace(const AnalyseEmetteur *pst, int i_SujetReecrit) {
-    char *pc_From = NouvelleLigne(4127, "%s\t+ from original: %s", pst->pc_PassagePrecedent,
-                                  ValeurOrigine("from:"));
-    char *pc_Sujet = i_SujetReecrit
-                         ? NouvelleLigne(4135, "\t+ sujet original: %s", ValeurOrigine("subject:"))
-                         : nullptr;
+void LigneTrace(const AnalyseEmetteur *pst, const char *pc_FromOrigine,
+                const char *pc_SujetOrigine) {
+    char *pc_Valeur = ValeurCopiee(4127, pc_FromOrigine);
+    char *pc_From = NouvelleLigne(4127, "%s\t+ from original: %s\n", pst->pc_PassagePrecedent,
+                                  pc_Valeur);
+    free(pc_Valeur);
+    char *pc_Sujet = nullptr;
+    if (pc_SujetOrigine != nullptr) {
+        pc_Valeur = ValeurCopiee(4135, pc_SujetOrigine);
+        pc_Sujet = NouvelleLigne(4135, "\t+ sujet original: %s\n", pc_Valeur);
+        free(pc_Valeur);
+    }
     char pc_Drapeaux[TAILLE_DRAPEAUX];
     if (snprintf(pc_Drapeaux, sizeof pc_Drapeaux,
                  "\t+ mdf=%.1d; lda=%.1d; ea=%.1d; eab=%.1d; fdv=%.1d;\n", pst->i_mdf, pst->i_lda,
@@ -187,19 +285,23 @@ void LigneTrace(const AnalyseEmetteur *pst, int i_SujetReecrit) {
     free(pc_From);
     free(pc_Sujet);
     Entete *pet_Curseur = gpet_EnteteMess;
-    ChargeLigne(&pet_Curseur, pc_Trace, ADOPTE_TEXTE);
+    Insere(&pet_Curseur, pc_Trace, 4142);
 }
 
 }  // namespace
 
 // Rewrites the working header; see the unit's heading.
 const char *ReecritEntete(const OptionsRemise *pst_Options, AnalyseEmetteur *pst) {
-    EpureControles(pst->Pc_Adresse);
-    EpureControles(pst->Pc_Nom);
+    // The incoming From and Subject, before any line is rewritten.
+    const char *pc_FromOrigine = RecupValeurEntete(gpet_EnteteMess, "from:");
+    const char *pc_SujetOrigine = RecupValeurEntete(gpet_EnteteMess, "subject:");
+
+    EpureControles(pst->Pc_Adresse, 0);
+    EpureControles(pst->Pc_Nom, 0);
     LignesOrigine(pst);
-    LigneFrom(pst);
+    LigneFrom(pst, pc_FromOrigine);
     int i_SujetReecrit = LigneSujet();
-    LigneTrace(pst, i_SujetReecrit);
+    LigneTrace(pst, pc_FromOrigine, i_SujetReecrit ? pc_SujetOrigine : nullptr);
 
     // Spam goes to the mailbox suffix of -s when it was given.
     if (pst_Options->pc_SuffixeSpam != nullptr &&

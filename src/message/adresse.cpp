@@ -10,9 +10,27 @@
 //   958  address longer than its buffer (level 3)
 //   972  phrase longer than its buffer, at a folded blank (level 3)
 //   979  phrase longer than its buffer, at any other character (level 3)
+//
+// EcritAdresse is the other direction: it writes an address between the
+// angle brackets of a header line the program composes (From, Reply-to, the
+// trace header) so that a reader finds there exactly that one address.  The
+// address first goes through EpureControles (control bytes become blanks).
+// An ordinary address is written as it is: a local part made of atom
+// characters, dots, 8-bit bytes and closed quoted parts, then "@" and a
+// domain made of atom characters, dots and 8-bit bytes, or one domain
+// literal; an address without "@" is ordinary when all of it is such a
+// local part.  Any other address, which FetchAddress can yield from escaped
+// or quoted characters ("a\>\,\ b@x", an unclosed quote), has what comes
+// before its last "@" written as one quoted string, quotes and backslashes
+// escaped, when what follows that "@" is an ordinary domain; otherwise the
+// whole address is one quoted string.  So no "<", ">", ",", blank, comment
+// or second "@" of the address is ever read outside a quoted part.  The
+// output needs at most 2 x length + 3 bytes; a smaller buffer gets the
+// empty text and -1.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "message/message.h"
 #include "report/report.h"
@@ -158,7 +176,87 @@ void CommentaireEnNom(char *pc_Phrase) {
     pc_Phrase[t_Long - 1] = '"';
 }
 
+// Atom characters of an address (RFC 5322 atext), and 8-bit bytes, which
+// are kept as they are.
+bool EstAtome(unsigned char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           c >= 0x80 || (c != '\0' && strchr("!#$%&'*+-/=?^_`{|}~", c) != nullptr);
+}
+
+// A local part that can be written as it is: not empty; atom characters and
+// dots outside quotes; quoted parts closed, a backslash in them taking the
+// next byte with it.
+bool LocaleOrdinaire(const std::string &s) {
+    if (s.empty()) return false;
+    bool b_Guillemets = false;
+    for (std::size_t i = 0; i < s.size(); i++) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        if (b_Guillemets) {
+            if (c == '\\' && ++i >= s.size()) return false;
+            else if (c == '"') b_Guillemets = false;
+        } else if (c == '"') {
+            b_Guillemets = true;
+        } else if (c != '.' && !EstAtome(c)) {
+            return false;
+        }
+    }
+    return !b_Guillemets;
+}
+
+// A domain that can be written as it is: atom characters and dots, or one
+// literal such as "[10.0.0.1]" or "[IPv6:2001:db8::1]" (atom characters,
+// dots and colons between the brackets).
+bool DomaineOrdinaire(const std::string &s) {
+    bool b_Litteral = s.size() >= 2 && s.front() == '[' && s.back() == ']';
+    std::string s_Corps = b_Litteral ? s.substr(1, s.size() - 2) : s;
+    if (s_Corps.empty()) return false;
+    for (char c : s_Corps)
+        if (c != '.' && !(b_Litteral && c == ':') && !EstAtome(static_cast<unsigned char>(c)))
+            return false;
+    return true;
+}
+
+// Appends the text as one quoted string, quotes and backslashes escaped.
+void AjouteGuillemets(std::string *ps, const std::string &s) {
+    *ps += '"';
+    for (char c : s) {
+        if (c == '"' || c == '\\') *ps += '\\';
+        *ps += c;
+    }
+    *ps += '"';
+}
+
 }  // namespace
+
+// Writes an address for the angle brackets of a composed line; see the
+// unit's heading.
+int EcritAdresse(const char *pc_Adresse, char *pc_Sortie, std::size_t t_Taille) {
+    if (t_Taille == 0) return -1;
+    pc_Sortie[0] = '\0';
+    std::string s_Adresse = pc_Adresse != nullptr ? pc_Adresse : "";
+    EpureControles(s_Adresse.data(), 0);
+
+    std::string s;
+    std::size_t t_Arobase = s_Adresse.rfind('@');
+    std::string s_Locale = s_Adresse.substr(0, t_Arobase);
+    std::string s_Domaine =
+        t_Arobase != std::string::npos ? s_Adresse.substr(t_Arobase + 1) : std::string();
+    bool b_Domaine = t_Arobase != std::string::npos && DomaineOrdinaire(s_Domaine);
+    if (s_Adresse.empty() || (LocaleOrdinaire(s_Locale) &&
+                              (t_Arobase == std::string::npos || b_Domaine))) {
+        s = s_Adresse;
+    } else if (b_Domaine) {
+        AjouteGuillemets(&s, s_Locale);
+        s += '@';
+        s += s_Domaine;
+    } else {
+        AjouteGuillemets(&s, s_Adresse);
+    }
+
+    if (s.size() >= t_Taille) return -1;
+    memcpy(pc_Sortie, s.c_str(), s.size() + 1);
+    return static_cast<int>(s.size());
+}
 
 // Splits the first element of the value; see the unit's heading.
 const char *FetchAddress(const char *pc_Source, char *pc_Adresse, std::size_t t_TailleAdresse,

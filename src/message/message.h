@@ -60,6 +60,11 @@ int RecupValeur(const char *pc_Texte, const char *pc_Ouvrants, const char *pc_Fe
 // and the phrase; returns the position after the element's comma, or the NUL.
 const char *FetchAddress(const char *pc_Source, char *pc_Adresse, std::size_t t_TailleAdresse,
                          char *pc_Phrase, std::size_t t_TaillePhrase);
+// Writes an address for the angle brackets of a header line the program
+// composes: cleaned of control bytes, as it is when ordinary, otherwise with
+// its local part (or all of it) as a quoted string.  Needs 2 x length + 3
+// bytes; returns the length written, or -1 (empty output) when it does not fit.
+int EcritAdresse(const char *pc_Adresse, char *pc_Sortie, std::size_t t_Taille);
 
 // ---------------------------------------------------------------------------
 // Joker patterns and small utilities (utilitaires.cpp).
@@ -72,6 +77,11 @@ int _strncpy(char *pc_Dest, const char *pc_Source, std::uint32_t i_Taille);
 // Case folding of ASCII letters, in place.
 void _minu(char *pc_Texte);
 void _maju(char *pc_Texte);
+// Clean-up of a text from the message that goes into a header line the
+// program writes: control bytes become blanks, 8-bit bytes stay; with
+// i_Pliage, a value's own folding stays and its final line end is removed.
+// In place; returns the text.
+char *EpureControles(char *pc_Texte, int i_Pliage);
 // Number of entries before the null entry of a text table (0 for null).
 int NblTableau(char *const *tpc_Tableau);
 // Sorts a text table in place, case-insensitively by text / by mail domain.

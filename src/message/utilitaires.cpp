@@ -10,6 +10,11 @@
 // _strncpy(dest, src, size): at most size - 1 bytes, always terminated, a
 //   null source gives ""; returns the length copied.
 // _minu / _maju: ASCII case folding in place (bytes 128-255 untouched).
+// EpureControles(text, folded): the clean-up of every text from the message
+//   that the program writes into a header line of its own, in place: control
+//   bytes (below 0x20, and 0x7f) become blanks, 8-bit bytes stay.  A value
+//   copied with its own folding keeps each line feed followed by a blank or
+//   a tab (with that blank or tab) and loses its final line end.
 // NblTableau, TriTableau, TriDomSmtpTableau: null-terminated text tables,
 //   counted, sorted case-insensitively by text or by "@domain" key.
 #include <cstdlib>
@@ -130,6 +135,32 @@ void _minu(char *pc_Texte) {
 void _maju(char *pc_Texte) {
     for (char *pc = pc_Texte; *pc != '\0'; pc++)
         if (*pc >= 'a' && *pc <= 'z') *pc = static_cast<char>(*pc - 'a' + 'A');
+}
+
+// Clean-up of a text from the message before the program writes it into a
+// header line of its own: every control byte (below 0x20, and 0x7f) becomes
+// a blank, so that no line feed, carriage return or other control character
+// of the message reaches such a line; 8-bit bytes stay as they are.  With
+// i_Pliage the text is a header value copied as it came: its own folding (a
+// line feed followed by a blank or a tab, with that blank or tab) stays, and
+// its final line end (the line feeds and carriage returns that close it) is
+// removed, so that the caller ends the line with exactly one line feed of its
+// own.  In place; a null text is left alone.  Returns the text.
+char *EpureControles(char *pc_Texte, int i_Pliage) {
+    if (pc_Texte == nullptr) return nullptr;
+    std::size_t t_Long = strlen(pc_Texte);
+    if (i_Pliage)
+        while (t_Long > 0 && (pc_Texte[t_Long - 1] == '\n' || pc_Texte[t_Long - 1] == '\r'))
+            pc_Texte[--t_Long] = '\0';
+    Octet *p = reinterpret_cast<Octet *>(pc_Texte);
+    for (std::size_t i = 0; i < t_Long; i++) {
+        if (i_Pliage && p[i] == '\n' && (p[i + 1] == ' ' || p[i + 1] == '\t')) {
+            i++;  // the folding and its blank or tab
+            continue;
+        }
+        if (p[i] < 0x20 || p[i] == 0x7f) p[i] = ' ';
+    }
+    return pc_Texte;
 }
 
 // Number of entries before the null entry.

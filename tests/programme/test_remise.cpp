@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
+#include "adresse_unique.h"
 #include "annuaire_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
@@ -36,7 +39,12 @@ const std::string ENTREES =
     EntreeLdif("uid=sansremise", "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\n"
                                  "mail: sansremise@vorane.example\n") +
     EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
-                          "mail: ext@partenaire.test\n");
+                          "mail: ext@partenaire.test\n") +
+    // Reached only through a referral from another server.
+    EntreeLdif("ou=ailleurs", "objectClass: organizationalUnit\nou: ailleurs\n") +
+    EntreeLdif("uid=loin,ou=ailleurs", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
+                                       "uid: loin\ncn: Loin\nsn: L\nmail: loin@vorane.example\n"
+                                       "ravokVixRemise: LMTP\n");
 
 // Accepts a transaction for n recipients.
 std::vector<EtapeLmtp> ScriptAccepte(int n) {
@@ -339,36 +347,169 @@ TEST_F(Remise, EntreesMalFormees) {
 
 namespace {
 
-// Line breaks and carriage returns hidden in the From (a quoted local part,
-// an encoded word) never split a header line the program writes.
-TEST_F(Remise, AucuneInjectionDEnTete) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-    std::string s_Message =
-        "From: =?UTF-8?Q?Nom=0ABcc:_victime@x.test=0D?= <\"a\rb\"@partenaire.test>\n"
-        "Subject: essai\n\ncorps\n";
-    ResultatProcessus r = Lance(st_Lmtp.Designation(), "a@partenaire.test",
-                                {"alice@vorane.example"}, s_Message);
-    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    std::string s_Donnees = DonneesRecues(st_Lmtp.Recu());
-    std::string s_Entete = s_Donnees.substr(0, s_Donnees.find("\n\n") + 1);
-    // Every line the program wrote is a header line or its own folding.
+// One field of a header: its name (lower case, up to the colon) and its
+// whole text, continuation lines and final line feed included.
+struct Champ {
+    std::string s_Nom;
+    std::string s_Texte;
+};
+
+// Splits a message at the line feeds into its header fields (a line that
+// begins with a blank or a tab continues the field before it) and its body,
+// which follows the first empty line.
+std::vector<Champ> Champs(const std::string &s_Message, std::string *ps_Corps) {
+    std::vector<Champ> v;
     std::size_t p = 0;
-    while (p < s_Entete.size()) {
-        std::size_t q = s_Entete.find('\n', p);
-        std::string s_Ligne = s_Entete.substr(p, q - p);
-        EXPECT_TRUE(s_Ligne[0] == '\t' || s_Ligne[0] == ' ' || s_Ligne.find(':') != std::string::npos)
-            << s_Ligne;
-        EXPECT_EQ(s_Ligne.rfind("Bcc:", 0), std::string::npos) << s_Ligne;
-        p = q + 1;
+    while (p < s_Message.size() && s_Message[p] != '\n') {
+        std::size_t q = s_Message.find('\n', p);
+        q = q == std::string::npos ? s_Message.size() : q + 1;
+        std::string s_Ligne = s_Message.substr(p, q - p);
+        if ((s_Ligne[0] == ' ' || s_Ligne[0] == '\t') && !v.empty()) {
+            v.back().s_Texte += s_Ligne;
+        } else {
+            std::string s_Nom = s_Ligne.substr(0, s_Ligne.find(':'));
+            for (char &c : s_Nom) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+            v.push_back({s_Nom, s_Ligne});
+        }
+        p = q;
     }
-    // The rewritten From and Reply-to hold no carriage return (the trace
-    // header keeps the incoming From as it came).
-    ASSERT_EQ(s_Entete.rfind("From: ", 0), 0u) << s_Entete;
-    std::string s_From = s_Entete.substr(0, s_Entete.find("\nX-Remise-Vorane"));
-    EXPECT_EQ(s_From.find('\r'), std::string::npos) << s_From;
-    std::string s_Reponse = s_Entete.substr(s_Entete.find("\nReply-to: "));
-    s_Reponse = s_Reponse.substr(0, s_Reponse.find("\nSubject"));
-    EXPECT_EQ(s_Reponse, "\nReply-to: \"Nom victime@x.test \"\n\t<\"a b\"@partenaire.test>");
+    *ps_Corps = p < s_Message.size() ? s_Message.substr(p + 1) : "";
+    return v;
+}
+
+// A hostile From (and what comes with it) run through the whole program:
+// the store gets the fields it was sent, the program's own and nothing
+// else; every line the program wrote is one field without control bytes
+// but its folding; the From and the Reply-to name exactly one address; the
+// body is where it was.
+TEST_F(Remise, FromHostileSansInjection) {
+    const std::string FIN = "To: alice@vorane.example\n\ncorps\n";
+    const std::string TRACE = "X-Remise-Vorane: v1.1.0; le 01/02/2024 10:00:00;\n"
+                              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n\t+ from original: ";
+    const std::string BLANCS(998, ' ');  // "From: <a@partenaire.test>" + blanks: 1023 bytes
+    std::string s_Echappes;  // 247 escaped ">" and "a@b.test": an address of 255
+    for (int i = 0; i < 247; i++) s_Echappes += "\\>";
+    struct {
+        const char *pc_Nom;
+        std::string s_Suite;                // what follows Received and Message-ID
+        std::string s_Attendu = "";         // found in the header delivered
+        const char *pc_Emetteur = nullptr;  // envelope sender, if not ext@partenaire.test
+    } t[] = {
+        {"ligne_echappee_reprise_d_une_trace",
+         TRACE + "Ancien <x\\\n\tReply-To:attacker@evil.example>\n"
+                 "From: x\\\n\tReply-To:attacker@evil.example\n" + FIN,
+         "\t+ from original: Ancien <\"x Reply-To:attacker\"@evil.example>,\n"},
+        {"deux_lignes_echappees_dont_une_vide",
+         TRACE + "Ancien <x\\\n\t\\\n\ty@evil.example>\nFrom: x\\\n\t\\\n\ty@evil.example\n" + FIN},
+        {"ligne_repliee_vide", "From: x\\\n\t\n\ty@evil.example\n" + FIN},
+        {"retour_chariot_seul",
+         "From: Nom\rBcc: victime@x.test <\"a\rb\"@partenaire.test>\n"
+         "Subject: caf\xe9\rBcc: victime@x.test\n" + FIN,
+         "\t+ sujet original: caf\xe9 Bcc: victime@x.test\n"},
+        {"mot_encode_avec_sauts_de_ligne",
+         "From: =?UTF-8?Q?Nom=0ABcc:_victime@x.test=0D?= <\"a\rb\"@partenaire.test>\n" + FIN},
+        {"chevrons_et_virgules_echappes",
+         "From: a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example\n" + FIN,
+         "\n\t<\"a>, \\\"Boss\\\" <ceo\"@vorane.example>\n"},
+        {"trace_precedente_hostile",
+         TRACE + "Pre\x0b\x01" "cedent <a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example>\n"
+                 "From: a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example\n" + FIN},
+        {"guillemet_ouvert", "From: \"Boss <ceo@vorane.example>\n" + FIN},
+        {"barre_oblique_finale", "From: <x@partenaire.test\\\\>\n" + FIN},
+        {"echappements_jusqu_a_255", "From: <" + s_Echappes + "a@b.test>\n" + FIN},
+        {"nom_de_509_caracteres", "From: " + std::string(509, 'n') + " <a@partenaire.test>\n" + FIN,
+         "", "a@partenaire.test"},
+        {"octets_8_bits",
+         "From: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\nSubject: \xe9t\xe9\n" + FIN,
+         "\t+ from original: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\n"},
+        {"charset_hostile_du_from", "From: =?UTF-8\r?Q?N=C3=A9?= <a@partenaire.test>\n" + FIN},
+        {"charset_utf16_du_from", "From: =?UTF-16LE?Q?x?= <a@partenaire.test>\n" + FIN},
+        {"ligne_plus_longue_qu_une_lecture",
+         "From: <a@partenaire.test>" + BLANCS + "Reply-To: attacker@evil.example\n" + FIN},
+        {"ligne_de_1023_octets", "From: <a@partenaire.test>" + BLANCS + "\n" + FIN},
+        {"fin_sans_saut_de_ligne", "To: alice@vorane.example\nFrom: x <a@partenaire.test>"},
+    };
+    const std::set<std::string> st_Propres = {"x-remise-vorane", "x-ravokorigine",
+                                              "x-ravokfromdifferent", "reply-to"};
+    int i_Rang = 0;
+    for (auto &c : t) {
+        SCOPED_TRACE(c.pc_Nom);
+        std::string s_Message = "Received: from mx.partenaire.test (mx [10.0.1.77])\n"
+                                "\tby relais.vorane.example\n"
+                                "Message-ID: <hostile-" + std::to_string(++i_Rang) +
+                                "@partenaire.test>\n" + c.s_Suite;
+        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+        const char *pc_Emetteur = c.pc_Emetteur != nullptr ? c.pc_Emetteur : "ext@partenaire.test";
+        ResultatProcessus r =
+            Lance(st_Lmtp.Designation(), pc_Emetteur, {"alice@vorane.example"}, s_Message);
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        std::string s_Corps, s_CorpsLivre, s_Livre = DonneesRecues(st_Lmtp.Recu());
+        std::vector<Champ> v_Recus = Champs(s_Message, &s_Corps);
+        std::vector<Champ> v_Livres = Champs(s_Livre, &s_CorpsLivre);
+        EXPECT_EQ(s_CorpsLivre.substr(0, s_Corps.size()), s_Corps);
+        EXPECT_NE(s_Livre.substr(0, s_Livre.size() - s_CorpsLivre.size()).find(c.s_Attendu),
+                  std::string::npos)
+            << s_Livre;
+
+        // Names: as many as were sent, plus the program's own lines once
+        // each (its trace header always) and a From where there was none.
+        std::map<std::string, int> m_Recus, m_Livres;
+        for (const Champ &ch : v_Recus) m_Recus[ch.s_Nom]++;
+        for (const Champ &ch : v_Livres) m_Livres[ch.s_Nom]++;
+        for (const auto &[s_Nom, n] : m_Livres) {
+            int i_Plus = st_Propres.count(s_Nom) != 0 || (s_Nom == "from" && m_Recus[s_Nom] == 0);
+            EXPECT_LE(n, m_Recus[s_Nom] + i_Plus) << s_Nom << " added";
+        }
+        for (const auto &[s_Nom, n] : m_Recus) EXPECT_GE(m_Livres[s_Nom], n) << s_Nom << " lost";
+        EXPECT_EQ(m_Livres["x-remise-vorane"], m_Recus["x-remise-vorane"] + 1);
+
+        // Lines the program wrote: no control byte but the folding, and one
+        // address in the From and in a Reply-to of its own.
+        for (const Champ &ch : v_Livres) {
+            bool b_Recu = false;
+            for (const Champ &ch_Recu : v_Recus) b_Recu = b_Recu || ch_Recu.s_Texte == ch.s_Texte;
+            if (b_Recu) continue;
+            for (unsigned char o : ch.s_Texte)
+                EXPECT_TRUE(o >= 0x20 ? o != 0x7f : o == '\n' || o == '\t')
+                    << static_cast<int>(o) << " in " << ch.s_Texte;
+            if (ch.s_Nom == "from" || ch.s_Nom == "reply-to") {
+                EXPECT_EQ(DefautAdresseUnique(ch.s_Texte), "");
+            }
+        }
+    }
+}
+
+// A directory that answers a search with a referral: the library follows it
+// and finds the recipient on the second server; a referral to a server that
+// never answers ends within the time limits, the message kept for a retry.
+TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
+    ServeurMuet st_Muet;
+    ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
+    for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote}) {
+        AnnuaireEssai st_Premier;
+        ASSERT_TRUE(DemarreAnnuaire(
+            &st_Premier, EntreeLdif("ou=ailleurs", "objectClass: referral\nobjectClass: "
+                                                   "extensibleObject\nou: ailleurs\nref: ldap://" +
+                                                       s_Cible + "/ou=ailleurs," +
+                                                       SUFFIXE_ANNUAIRE_ESSAI + "\n")))
+            << st_Premier.s_Erreur;
+        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
+        ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
+                                    {"loin@vorane.example"}, MESSAGE_EXTERNE,
+                                    {"-l", st_Premier.s_Hote});
+        ArreteAnnuaire(&st_Premier);
+        EXPECT_FALSE(r.b_Expire);
+        if (s_Cible == st_Muet.s_Hote) {
+            EXPECT_EQ(r.i_Statut, 75);
+            EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/2604: Erreur ldap_search_s"),
+                      std::string::npos)
+                << r.s_Erreur;
+        } else {
+            EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+            EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<loin>\n"), std::string::npos);
+        }
+    }
+    ArreteServeurMuet(&st_Muet);
 }
 
 }  // namespace

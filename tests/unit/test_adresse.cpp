@@ -107,4 +107,35 @@ TEST(FetchAddress, BorneDuTamponPhrase) {
                 ::testing::ExitedWithCode(65), "v1.1.0/972: Buffer phrase trop petit");
 }
 
+// The written form of an address in a line the program composes: ordinary
+// addresses as they are; anything a reader could take for more than one
+// address goes into a quoted string; the output's bound is checked.
+TEST(EcritAdresse, FormeEcrite) {
+    struct {
+        const char *pc_Adresse;
+        const char *pc_Ecrite;
+    } t[] = {
+        {"jd@partenaire.test", "jd@partenaire.test"},
+        {"\"a b\"@x.test", "\"a b\"@x.test"},
+        {"postmaster@[10.0.0.1]", "postmaster@[10.0.0.1]"},
+        {"j\xe9r\xf4me@x.test", "j\xe9r\xf4me@x.test"},
+        {"jd", "jd"},
+        {"a>, \"Boss\" <ceo@vorane.example", "\"a>, \\\"Boss\\\" <ceo\"@vorane.example"},
+        {"x\nReply-To:y@evil.example", "\"x Reply-To:y\"@evil.example"},
+        {"\"Boss ceo@vorane.example", "\"\\\"Boss ceo\"@vorane.example"},
+        {"a@b@c.test", "\"a@b\"@c.test"},
+        {"x@partenaire.test\\", "\"x@partenaire.test\\\\\""},
+        {"a@[1.2.3.4>]", "\"a@[1.2.3.4>]\""},
+        {"", ""},
+    };
+    for (auto &c : t) {
+        char pc[TAILLE_TEXTE];
+        EXPECT_EQ(EcritAdresse(c.pc_Adresse, pc, sizeof pc), static_cast<int>(strlen(c.pc_Ecrite)));
+        EXPECT_STREQ(pc, c.pc_Ecrite) << c.pc_Adresse;
+    }
+    char pc[5];
+    EXPECT_EQ(EcritAdresse("a b@x", pc, sizeof pc), -1);
+    EXPECT_STREQ(pc, "");
+}
+
 }  // namespace

@@ -62,6 +62,7 @@ TEST(DecodeQP, MotsDecodes) {
         {"lettres_minuscules", "=?utf-8?q?=C3=A9t=C3=A9?= / =?utf-8?b?w6k=?=", "ISO-8859-1",
          "\xE9t\xE9 / \xE9"},
         {"cible_vide_latin1", "=?UTF-8?B?w6k=?=", "", "\xE9"},
+        {"charset_vide_latin1", "=??Q?caf=E9?=", "UTF-8", "caf\xC3\xA9"},
         {"latin1_vers_utf8", "=?ISO-8859-1?Q?No=EBl_et_=5F?=", "UTF-8", "No\xC3\xABl et _"},
         {"blancs_entre_mots_supprimes",
          "=?ISO-8859-1?Q?a?=\n\t=?ISO-8859-1?Q?b?= \r\n =?ISO-8859-1?Q?c?=", "UTF-8", "abc"},
