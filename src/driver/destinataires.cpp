@@ -103,9 +103,9 @@ void PoseReplyTo(const char *pc_Reponse) {
                          i_Err, strerror(i_Err), gPc_InfoMessEnCours);
         return;
     }
-    snprintf(pc_Ligne, t_Taille, "Reply-To: %s\n", pc_Reponse);
-    for (char *pc = pc_Ligne; pc[1] != '\0'; pc++)
-        if (static_cast<unsigned char>(*pc) < 0x20 || *pc == 0x7f) *pc = ' ';
+    snprintf(pc_Ligne, t_Taille, "Reply-To: %s", pc_Reponse);
+    EpureControles(pc_Ligne, 0);
+    strcat(pc_Ligne, "\n");
     Entete *pet_Corps = DetacheCorps(gpet_EnteteMess);
     Entete *pet = RecupEntete(gpet_EnteteMess, "reply-to:");
     if (pet != nullptr) {

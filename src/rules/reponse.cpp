@@ -83,15 +83,7 @@ char *pc_message = nullptr;
 // a blank or a tab (the value's own folding); line ends at its end go.
 const char *Nettoie(const char *pc_Source, char *pc_Sortie, std::size_t t_Taille) {
     _strncpy(pc_Sortie, pc_Source, static_cast<std::uint32_t>(t_Taille));
-    std::size_t t_Long = strlen(pc_Sortie);
-    while (t_Long > 0 && (pc_Sortie[t_Long - 1] == '\n' || pc_Sortie[t_Long - 1] == '\r'))
-        pc_Sortie[--t_Long] = '\0';
-    for (std::size_t i = 0; i < t_Long; i++) {
-        unsigned char c = static_cast<unsigned char>(pc_Sortie[i]);
-        bool b_Pliage = c == '\n' && (pc_Sortie[i + 1] == ' ' || pc_Sortie[i + 1] == '\t');
-        if ((c < 0x20 && c != '\t' && !b_Pliage) || c == 0x7f) pc_Sortie[i] = ' ';
-    }
-    return pc_Sortie;
+    return EpureControles(pc_Sortie, 1);
 }
 
 // Formats one or more lines of the reply and appends them (copied) after
@@ -169,8 +161,7 @@ void LigneSujet(Entete **ppet_Curseur, Entete *pet_Entete, const char *pc_Libell
     char pc_Sujet[TAILLE_SUJET];
     DecodeQP(RecupValeurEntete(pet_Entete, "subject:"), pc_Charset, pc_Sujet, sizeof pc_Sujet);
     // Unfolded as well: the subject joins the label on one line.
-    for (char *pc = pc_Sujet; *pc != '\0'; pc++)
-        if (static_cast<unsigned char>(*pc) < 0x20 || *pc == 0x7f) *pc = ' ';
+    EpureControles(pc_Sujet, 0);
     char pc_Libelle2[TAILLE_LIBELLE];
     conv_jc(pc_Libelle, "ISO-8859-1", pc_Libelle2, pc_Charset, sizeof pc_Libelle2);
     char pc_Texte[TAILLE_LIBELLE + 3 + TAILLE_SUJET];
