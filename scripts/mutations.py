@@ -1,0 +1,141 @@
+#!/usr/bin/env python3
+"""Mutation check: do the tests catch small faults put into the program?
+
+Each fault of scripts/mutations.txt is applied alone to a copy of the
+source tree (build-mutations/src, rebuilt incrementally in
+build-mutations/build), the tests that concern it are run, and the fault is
+"caught" when at least one of them fails (or the build breaks: that counts
+as caught, and is said).  The source tree of the checkout is never changed.
+At the end the score is printed: caught / applied.
+
+    python3 scripts/mutations.py            # every fault
+    python3 scripts/mutations.py M07 M12    # some of them
+    python3 scripts/mutations.py --liste    # the faults, without running
+
+Format of scripts/mutations.txt, one fault per block separated by a blank
+line ('#' lines are comments):
+
+    id: M01
+    fichier: src/message/utilitaires.cpp
+    avant: i + 1 < i_Taille
+    apres: i < i_Taille
+    tests: Utilitaires|Joker
+    quoi: bounded copy one byte too far
+
+"avant" must occur exactly once in the file; "tests" is a ctest regular
+expression.  Not part of CI: a full run takes about an hour.
+"""
+import os
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+RACINE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+LISTE = os.path.join(RACINE, "scripts", "mutations.txt")
+TRAVAIL = os.path.join(RACINE, "build-mutations")
+COPIE = os.path.join(TRAVAIL, "arbre")
+CONSTRUCTION = os.path.join(TRAVAIL, "build")
+
+
+def lit_liste():
+    """The faults of the list, in order, as dictionaries."""
+    fautes, courante = [], {}
+    with open(LISTE, encoding="utf-8") as f:
+        for ligne in f.read().split("\n") + [""]:
+            if ligne.startswith("#"):
+                continue
+            if not ligne.strip():
+                if courante:
+                    fautes.append(courante)
+                courante = {}
+                continue
+            cle, _, valeur = ligne.partition(": ")
+            courante[cle.strip()] = valeur
+    for f in fautes:
+        for cle in ("id", "fichier", "avant", "apres", "tests", "quoi"):
+            if cle not in f:
+                sys.exit("faute %s: champ '%s' absent" % (f.get("id", "?"), cle))
+    return fautes
+
+
+def copie_arbre():
+    """A copy of the checkout's sources to mutate (the build tree apart)."""
+    os.makedirs(TRAVAIL, exist_ok=True)
+    for nom in ("src", "tests", "bench", "fuzz", "schema", "CMakeLists.txt"):
+        source, cible = os.path.join(RACINE, nom), os.path.join(COPIE, nom)
+        if os.path.isdir(source):
+            if os.path.isdir(cible):
+                shutil.rmtree(cible)
+            shutil.copytree(source, cible)
+        else:
+            os.makedirs(COPIE, exist_ok=True)
+            shutil.copy2(source, cible)
+
+
+def lance(commande, limite=1800):
+    """Runs a command; its exit status (124 on a time-out)."""
+    try:
+        return subprocess.run(commande, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              timeout=limite).returncode
+    except subprocess.TimeoutExpired:
+        return 124
+
+
+def construit():
+    return lance(["ninja", "-C", CONSTRUCTION])
+
+
+def essaie(faute):
+    """Applies one fault, builds, runs its tests, restores: the verdict."""
+    chemin = os.path.join(COPIE, faute["fichier"])
+    with open(chemin, encoding="utf-8", errors="surrogateescape") as f:
+        texte = f.read()
+    if texte.count(faute["avant"]) != 1:
+        return "introuvable"
+    with open(chemin, "w", encoding="utf-8", errors="surrogateescape") as f:
+        f.write(texte.replace(faute["avant"], faute["apres"]))
+    try:
+        if construit() != 0:
+            return "attrapee (ne compile plus)"
+        statut = lance(["ctest", "--test-dir", CONSTRUCTION, "-j2", "--timeout", "120",
+                        "-R", faute["tests"]])
+        return "attrapee" if statut != 0 else "MANQUEE"
+    finally:
+        with open(chemin, "w", encoding="utf-8", errors="surrogateescape") as f:
+            f.write(texte)
+        # The file's time moves on so that the next build recompiles it.
+        os.utime(chemin)
+
+
+def main():
+    fautes = lit_liste()
+    choisies = [a for a in sys.argv[1:] if not a.startswith("--")]
+    if choisies:
+        fautes = [f for f in fautes if f["id"] in choisies]
+    if "--liste" in sys.argv:
+        for f in fautes:
+            print("%-4s %-32s %s" % (f["id"], f["fichier"], f["quoi"]))
+        print("%d fautes" % len(fautes))
+        return
+    copie_arbre()
+    lance(["cmake", "-S", COPIE, "-B", CONSTRUCTION, "-G", "Ninja",
+           "-DCMAKE_BUILD_TYPE=RelWithDebInfo", "-DVORANE_BENCH=OFF"])
+    if construit() != 0:
+        sys.exit("the unmutated tree does not build")
+    attrapees, appliquees = 0, 0
+    for f in fautes:
+        debut = time.time()
+        verdict = essaie(f)
+        if verdict != "introuvable":
+            appliquees += 1
+            attrapees += verdict.startswith("attrapee")
+        print("%-4s %-26s %-32s %s (%ds)" % (f["id"], verdict, f["fichier"], f["quoi"],
+                                            time.time() - debut), flush=True)
+    print("\nscore: %d / %d fautes attrapees" % (attrapees, appliquees))
+    construit()
+
+
+if __name__ == "__main__":
+    main()
