@@ -154,8 +154,9 @@ int main() {
     // 2. A large message to a list and two mailboxes.
     std::string s_Gros = "Received: from x by y\nFrom: <" + EMETTEUR + ">\nSubject: gros\n\n";
     while (s_Gros.size() < TAILLE_CORPS) s_Gros += std::string(99, 'x') + "\n";
+    // One reply after the data for each of the two mailboxes.
     std::vector<EtapeLmtp> v_Script = {Rep("220 ok\n"), Rep("250 ok\n"), Rep("250 ok\n"),
-                                       Rep("250 ok\n"), Rep("354 go\n"), Rep("250 ok\n"),
+                                       Rep("250 ok\n"), Rep("354 go\n"), Rep("250 ok\n250 ok\n"),
                                        Rep("221 bye\n")};
     ServeurLmtpEssai st_Lmtp(v_Script, true);
     ResultatProcessus r = LanceProgramme({PROG, "-r", st_Lmtp.Designation(), "-l", st_Annuaire.s_Hote,

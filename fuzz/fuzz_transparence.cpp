@@ -3,7 +3,9 @@
 // three pieces; stuffing the pieces in turn must give the bytes of stuffing
 // the whole, stay within twice the input, never hold a lone "." line before
 // the terminator, and un-stuff back to the input.  The same bytes are read
-// as an LMTP reply and as a server designation (any result, no fault).
+// as an LMTP reply and as a server designation (any result, no fault), and
+// assembled into replies: given in the three pieces or whole, they must
+// give the same replies, each kept within the dialogue buffer.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -22,6 +24,29 @@ std::string Stuffe(const std::string &s, std::size_t i, std::size_t j) {
     n += AppliqueTransparence(&st, s.data() + j, s.size() - j, v.data() + n);
     if (n > 2 * s.size()) __builtin_trap();
     return std::string(v.data(), n);
+}
+
+// The replies assembled from the text given in the pieces cut at i and j,
+// the incomplete one at the end last.
+std::vector<std::string> Reponses(const std::string &s, std::size_t i, std::size_t j) {
+    std::vector<std::string> v;
+    AssemblageReponse st;
+    const std::size_t t_Bornes[] = {0, i, j, s.size()};
+    for (int k = 0; k < 3; k++) {
+        std::size_t p = t_Bornes[k];
+        while (p < t_Bornes[k + 1]) {
+            std::size_t t_Reste = t_Bornes[k + 1] - p;
+            std::size_t n = AssembleReponseLmtp(&st, s.data() + p, t_Reste);
+            if (n > t_Reste || (n == 0 && !st.b_Complete)) __builtin_trap();
+            if (st.t_Long >= sizeof st.Pc_Texte || st.Pc_Texte[st.t_Long] != '\0') __builtin_trap();
+            p += n;
+            if (!st.b_Complete) continue;
+            v.emplace_back(st.Pc_Texte, st.t_Long);
+            st = AssemblageReponse{};
+        }
+    }
+    v.emplace_back(st.Pc_Texte, st.t_Long);
+    return v;
 }
 
 }  // namespace
@@ -57,6 +82,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_
     }
     if (!b_Fin || p != s_Fil.size()) __builtin_trap();
     if (s_Rendu != s + "\n") __builtin_trap();
+
+    if (Reponses(s, i, j) != Reponses(s, 0, 0)) __builtin_trap();
 
     std::string s_Texte = s.c_str();
     (void)ClasseReponseLmtp(s_Texte.c_str());

@@ -3,8 +3,8 @@
 // Remise_LMTP(server, sender, mailboxes, addresses, suffix, header, body,
 // &report) delivers the message in progress to the mailboxes of the mail
 // store: greeting, "mail from:", one "rcpt to:" per mailbox, "DATA", the
-// header and the body dot-stuffed, "\n.\n", "QUIT".  Results, messages and
-// limits: see transport.h.
+// header and the body dot-stuffed, "\n.\n", one reply per accepted mailbox,
+// "QUIT".  Results, messages and limits: see transport.h.
 //
 // Every blocking call (connect, each write, each read) runs under the alarm
 // guard; a guard that fires turns the call's EINTR into ETIMEDOUT.  Writes go
@@ -34,7 +34,9 @@
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <time.h>
 #include <unistd.h>
+#include <vector>
 
 #include "report/report.h"
 #include "socle.h"
@@ -208,6 +210,96 @@ int EcritSegments(int i_Fd, struct iovec *pst_Iov, int i_Nb) {
     close(i_Fd);
     if (i_To == ETIMEDOUT) return ETIMEDOUT;
     return i_Err != 0 ? i_Err : EIO;
+}
+
+// One read of at most t_Max bytes under a guard of i_Garde seconds: 0 with
+// the count (> 0), or, after logging (quoting i_Limite, the limit the
+// caller waits for) and closing the connection, a non-zero result: the
+// error number, ETIMEDOUT, or CODE_CONNEXION_FERMEE for a peer that closed.
+int LectureGardee(int i_Fd, char *pc, std::size_t t_Max, int i_Garde, int i_Limite,
+                  std::size_t *pt_Lu) {
+    *pt_Lu = 0;
+    _debatt(i_Garde);
+    ssize_t i_Compte = read(i_Fd, pc, t_Max);
+    int i_Err = errno;
+    errno = i_Err;
+    int i_To = _finatt();
+    i_Err = errno;
+    if (i_Compte > 0) {
+        *pt_Lu = static_cast<std::size_t>(i_Compte);
+        return 0;
+    }
+    if (i_To == ETIMEDOUT)
+        syslog(LOG_WARNING, "v1.1.0/1286: Timeout de %ds atteint sur read(). %s", i_Limite,
+               gPc_InfoMessEnCours);
+    else
+        syslog(LOG_WARNING, "v1.1.0/1288: Erreur sur read(), cr=%d, errno=%d (%s), at=%d, to=%d. %s",
+               static_cast<int>(i_Compte), i_Err, strerror(i_Err), i_Limite, i_To,
+               gPc_InfoMessEnCours);
+    close(i_Fd);
+    if (i_To == ETIMEDOUT) return ETIMEDOUT;
+    if (i_Compte == 0) return CODE_CONNEXION_FERMEE;
+    return i_Err != 0 ? i_Err : CODE_CONNEXION_FERMEE;
+}
+
+// True for a continuation line of a reply: three digits and a hyphen.
+bool LigneDeSuite(const char *pc_Tete, std::size_t t_Ligne) {
+    return t_Ligne >= 4 && pc_Tete[0] >= '0' && pc_Tete[0] <= '9' && pc_Tete[1] >= '0' &&
+           pc_Tete[1] <= '9' && pc_Tete[2] >= '0' && pc_Tete[2] <= '9' && pc_Tete[3] == '-';
+}
+
+// Bytes received and not yet taken by a reply (what follows the end of a
+// reply in the same read).
+struct Reception {
+    char Pc_Octets[TAILLE_DIALOGUE];
+    std::size_t t_Debut = 0;
+    std::size_t t_Fin = 0;
+};
+
+// Deadline of a wait of i_Secondes, on the monotonic clock.
+struct timespec Echeance(int i_Secondes) {
+    struct timespec st;
+    clock_gettime(CLOCK_MONOTONIC, &st);
+    st.tv_sec += i_Secondes;
+    return st;
+}
+
+// Whole seconds left before the deadline, rounded up; 0 once it has passed.
+int SecondesRestantes(const struct timespec &st_Echeance) {
+    struct timespec st;
+    clock_gettime(CLOCK_MONOTONIC, &st);
+    long long ll_Nano = (static_cast<long long>(st_Echeance.tv_sec) - st.tv_sec) * 1000000000LL +
+                        (st_Echeance.tv_nsec - st.tv_nsec);
+    if (ll_Nano <= 0) return 0;
+    return static_cast<int>((ll_Nano + 999999999LL) / 1000000000LL);
+}
+
+// Reads one whole reply: from the bytes left over by the reads before, then
+// from new reads, each guarded by the time left before the deadline (so a
+// store that trickles bytes cannot stretch the wait).  0 with the reply, or
+// a non-zero result after logging (quoting i_Limite) and closing.  A reply
+// left incomplete by a peer that closes is a failure like no reply at all.
+int LitReponseEntiere(int i_Fd, Reception *pst_Rec, AssemblageReponse *pst_Rep,
+                      const struct timespec &st_Echeance, int i_Limite) {
+    *pst_Rep = AssemblageReponse{};
+    for (;;) {
+        pst_Rec->t_Debut += AssembleReponseLmtp(pst_Rep, pst_Rec->Pc_Octets + pst_Rec->t_Debut,
+                                                pst_Rec->t_Fin - pst_Rec->t_Debut);
+        if (pst_Rep->b_Complete) return 0;
+        int i_Reste = SecondesRestantes(st_Echeance);
+        if (i_Reste == 0) {
+            syslog(LOG_WARNING, "v1.1.0/1286: Timeout de %ds atteint sur read(). %s", i_Limite,
+                   gPc_InfoMessEnCours);
+            close(i_Fd);
+            return ETIMEDOUT;
+        }
+        std::size_t t_Lu = 0;
+        int i_Res = LectureGardee(i_Fd, pst_Rec->Pc_Octets, sizeof pst_Rec->Pc_Octets, i_Reste,
+                                  i_Limite, &t_Lu);
+        if (i_Res != 0) return i_Res;
+        pst_Rec->t_Debut = 0;
+        pst_Rec->t_Fin = t_Lu;
+    }
 }
 
 // Data phase: the segments gathered so far.
@@ -547,28 +639,28 @@ int Read_LMTP(int i_Fd, char *pc_Tampon, std::size_t t_Taille, int i_Limite) {
         close(i_Fd);
         return EINVAL;
     }
-    _debatt(i_Limite);
-    ssize_t i_Compte = read(i_Fd, pc_Tampon, t_Taille - 1);
-    int i_Err = errno;
-    errno = i_Err;
-    int i_To = _finatt();
-    i_Err = errno;
-    if (i_Compte > 0) {
-        pc_Tampon[i_Compte] = '\0';
-        return 0;
+    std::size_t t_Lu = 0;
+    int i_Res = LectureGardee(i_Fd, pc_Tampon, t_Taille - 1, i_Limite, i_Limite, &t_Lu);
+    pc_Tampon[t_Lu] = '\0';
+    return i_Res;
+}
+
+// Adds bytes to the reply until its last line is in.
+std::size_t AssembleReponseLmtp(AssemblageReponse *pst, const char *pc_Octets, std::size_t t_Long) {
+    std::size_t i = 0;
+    while (i < t_Long && !pst->b_Complete) {
+        char c = pc_Octets[i++];
+        if (pst->t_Long < sizeof pst->Pc_Texte - 1) pst->Pc_Texte[pst->t_Long++] = c;
+        if (c != '\n') {
+            if (pst->t_Ligne < sizeof pst->Pc_Tete) pst->Pc_Tete[pst->t_Ligne] = c;
+            pst->t_Ligne++;
+            continue;
+        }
+        pst->b_Complete = !LigneDeSuite(pst->Pc_Tete, pst->t_Ligne);
+        pst->t_Ligne = 0;
     }
-    pc_Tampon[0] = '\0';
-    if (i_To == ETIMEDOUT)
-        syslog(LOG_WARNING, "v1.1.0/1286: Timeout de %ds atteint sur read(). %s", i_Limite,
-               gPc_InfoMessEnCours);
-    else
-        syslog(LOG_WARNING, "v1.1.0/1288: Erreur sur read(), cr=%d, errno=%d (%s), at=%d, to=%d. %s",
-               static_cast<int>(i_Compte), i_Err, strerror(i_Err), i_Limite, i_To,
-               gPc_InfoMessEnCours);
-    close(i_Fd);
-    if (i_To == ETIMEDOUT) return ETIMEDOUT;
-    if (i_Compte == 0) return CODE_CONNEXION_FERMEE;
-    return i_Err != 0 ? i_Err : CODE_CONNEXION_FERMEE;
+    pst->Pc_Texte[pst->t_Long] = '\0';
+    return i;
 }
 
 // One delivery attempt to the mail store.
@@ -643,7 +735,9 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     }
 
     // 5. Recipients, each with its marker; a refusal is one report line.
-    int i_Acceptes = 0;
+    // The accepted ones are kept in order: the store answers each of them
+    // after the data.
+    std::vector<int> v_Acceptes;
     for (int i = 0; tpc_Boites != nullptr && tpc_Boites[i] != nullptr; i++) {
         const char *pc_Boite = tpc_Boites[i];
         const char *pc_Adresse = tpc_Adresses != nullptr ? NonNul(tpc_Adresses[i]) : "";
@@ -663,7 +757,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
         if (i_Res != 0) return i_Res;
         e_Rep = ClasseReponseLmtp(Pc_Dialogue);
         if (e_Rep == ReponseLmtp::Ok) {
-            i_Acceptes++;
+            v_Acceptes.push_back(i);
             continue;
         }
         syslog(LOG_WARNING, "v1.1.0/1463: Reponse <%s> a rcpt to: <%s%s>/<%s>. %s", Pc_Dialogue,
@@ -673,7 +767,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
 
     // 6. Nobody to deliver to: no data.
     InfoDestinataire(nullptr, 0);
-    if (i_Acceptes == 0) {
+    if (v_Acceptes.empty()) {
         close(i_Fd);
         return 0;
     }
@@ -741,42 +835,78 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
                          "de depots repetes",
                          i_Res, strerror(i_Res), gPc_InfoMessEnCours);
 
-    // 11. The one reply examined after the data.
-    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiFinDonnees);
-    if (i_Res != 0)
-        TraitementErreur(NIVEAU_CRITIQUE,
-                         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=%d (%s). "
-                         "%s. Possibilite de depots repetes",
-                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
-    e_Rep = ClasseReponseLmtp(Pc_Dialogue);
-    if (e_Rep == ReponseLmtp::Permanente) {
-        TraitementErreur(NIVEAU_AVERTISSEMENT,
-                         "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
-                         Pc_Dialogue, gPc_InfoMessEnCours);
-        RapportFinDonnees(ppc_Rapport, Pc_Dialogue);
+    // 11. One reply per accepted recipient, in the order of the recipient
+    // commands, all within the end-of-data limit.  A missing one leaves the
+    // store's state unknown: retry, at the risk of a second copy.
+    Reception st_Rec;
+    AssemblageReponse st_Rep;
+    const struct timespec st_FinDonnees = Echeance(gi_DelaiFinDonnees);
+    bool b_Refuse = false;  // the message itself was refused: no QUIT
+    for (std::size_t k = 0; k < v_Acceptes.size(); k++) {
+        i_Res = LitReponseEntiere(i_Fd, &st_Rec, &st_Rep, st_FinDonnees, gi_DelaiFinDonnees);
+        if (i_Res != 0)
+            TraitementErreur(NIVEAU_CRITIQUE,
+                             "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=%d "
+                             "(%s). %s. Possibilite de depots repetes",
+                             i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+        e_Rep = ClasseReponseLmtp(st_Rep.Pc_Texte);
+        // The first reply speaks for the message: 250 goes on, a permanent
+        // failure is the message's refusal (reported to the sender, no
+        // QUIT), anything else (over quota included) retries it whole.
+        if (k == 0) {
+            if (e_Rep == ReponseLmtp::Permanente) {
+                TraitementErreur(NIVEAU_AVERTISSEMENT,
+                                 "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
+                                 st_Rep.Pc_Texte, gPc_InfoMessEnCours);
+                RapportFinDonnees(ppc_Rapport, st_Rep.Pc_Texte);
+                b_Refuse = true;
+            } else if (e_Rep != ReponseLmtp::Ok) {
+                close(i_Fd);
+                TraitementErreur(NIVEAU_CRITIQUE,
+                                 "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
+                                 st_Rep.Pc_Texte, gPc_InfoMessEnCours);
+            }
+            continue;
+        }
+        // A later recipient answered anything but 250 did not get the
+        // message, and the sender is told as for a refused recipient
+        // command.  A temporary failure (4xx) or a reply that makes no sense
+        // counts the same: the exit status speaks for every recipient at
+        // once, so a retry for this one would deliver the message again to
+        // those that took it.  The notice quotes the store's reply, so
+        // nothing is lost without a word and nothing is delivered twice.
+        if (e_Rep == ReponseLmtp::Ok) continue;
+        int i = v_Acceptes[k];
+        const char *pc_Adresse = tpc_Adresses != nullptr ? NonNul(tpc_Adresses[i]) : "";
+        syslog(LOG_WARNING, "v1.1.0/1566: Reponse <%s> en fin de DATA pour <%s%s>/<%s>. %s",
+               st_Rep.Pc_Texte, tpc_Boites[i], pc_Suffixe, pc_Adresse, gPc_InfoMessEnCours);
+        RapportDestinataire(ppc_Rapport, pc_Adresse, st_Rep.Pc_Texte,
+                            e_Rep == ReponseLmtp::SurQuota);
+    }
+    if (b_Refuse) {
         close(i_Fd);
         return 0;
     }
-    if (e_Rep != ReponseLmtp::Ok) {
-        close(i_Fd);
-        TraitementErreur(NIVEAU_CRITIQUE,
-                         "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
-                         Pc_Dialogue, gPc_InfoMessEnCours);
-    }
 
-    // 12. Quit; its reply is read but not examined.
+    // 12. Quit.  Every accepted recipient has its answer, so the store
+    // holds the message: a QUIT that cannot be written or answered ends
+    // nothing but the session, and is only a warning (a retry would deliver
+    // the message twice).  Its reply is QUIT's own, and is not examined.
     i_Res = Write_LMTP(i_Fd, "QUIT\n");
-    if (i_Res != 0)
-        TraitementErreur(NIVEAU_CRITIQUE,
-                         "v1.1.0/1577: Erreur Write_LMTP envoi quit, errno=%d (%s). %s. Possibilite "
-                         "de depots repetes",
-                         i_Res, strerror(i_Res), gPc_InfoMessEnCours);
-    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
-    if (i_Res != 0)
-        TraitementErreur(NIVEAU_CRITIQUE,
+    if (i_Res != 0) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/1577: Erreur Write_LMTP envoi quit, errno=%d (%s). %s", i_Res,
+                         strerror(i_Res), gPc_InfoMessEnCours);
+        return 0;
+    }
+    i_Res = LitReponseEntiere(i_Fd, &st_Rec, &st_Rep, Echeance(gi_DelaiReseau), gi_DelaiReseau);
+    if (i_Res != 0) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
                          "v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=%d "
-                         "(%s). %s. Possibilite de depots repetes",
+                         "(%s). %s",
                          i_Res, strerror(i_Res), gPc_InfoMessEnCours);
+        return 0;
+    }
     close(i_Fd);
     return 0;
 }

@@ -7,7 +7,8 @@
 //   Remise_LMTP(server, sender, mailboxes, addresses, suffix, header, body,
 //               &report) -> 0 done (data taken for at least one mailbox, or a
 //               permanent refusal of everything: *report says what the sender
-//               is to hear), 1 unexpected reply before the data (try again),
+//               is to hear, mailboxes refused before or after the data
+//               included), 1 unexpected reply before the data (try again),
 //               else an errno value (socket, look-up, connect, transfer:
 //               try again).  ECONNRESET stands for a peer that closed the
 //               connection, EHOSTUNREACH for a host name without an IPv4
@@ -26,17 +27,30 @@
 //   Write_LMTP(fd, text) -> 0, or errno (connection closed).  The whole text
 //   is sent or the call fails; a time-out is ETIMEDOUT.
 //   Read_LMTP(fd, buffer, size, limit) -> 0 with one read's bytes
-//   NUL-terminated, or non-zero (connection closed).
+//   NUL-terminated, or non-zero (connection closed).  The replies before
+//   the data are each what one read returns.
+//   After the data the store answers once per accepted recipient, in the
+//   order of the recipient commands; those replies, and QUIT's, are
+//   assembled by lines (AssembleReponseLmtp), so that a reply split over
+//   several reads, or several replies in one read, are each read as one.
+//   The first accepted recipient's reply decides for the message: 250 goes
+//   on, a permanent failure (5xx) is a warning and the end-of-data report
+//   (no QUIT), anything else a retry of the whole message.  Each later one
+//   that is not 250 is one recipient line of the report, like a refusal of
+//   its recipient command.  Once every reply is in, the store holds the
+//   message: a QUIT that cannot be written or answered is only a warning.
 //   Time limits: gi_DelaiReseau (120 s) for connect, every write and reply;
-//   gi_DelaiFinDonnees (360 s) for the reply after the end of data.
-//   Dialogue buffer TAILLE_DIALOGUE (1024): a reply is at most 1023 bytes.
+//   gi_DelaiFinDonnees (360 s) for all the replies after the end of data
+//   together (to the second).
+//   Dialogue buffer TAILLE_DIALOGUE (1024): a reply is at most 1023 bytes; a
+//   longer one is cut there.
 //   Messages, system log only (returned to the caller): 1264 1266 1286 1288
-//     1339 1354 1364 1376 1388 1404 1437 1451 1463 (LOG_WARNING/INFO),
+//     1339 1354 1364 1376 1388 1404 1437 1451 1463 1566 (LOG_WARNING/INFO),
 //     1429 (LOG_ERR), 1341 1342 (designation refused, LOG_WARNING),
 //     1428 (sender unusable on the wire, LOG_ERR), 1462 (mailbox unusable on
 //     the wire, LOG_WARNING).
-//   Reports: level 2 1431 1470 1477 1484 1531 1533 1537 1542 1557 1563 1570
-//     1577 1581; level 4 1551.
+//   Reports: level 2 1431 1470 1477 1484 1531 1533 1537 1542 1557 1563 1570;
+//     level 4 1551 1577 1581.
 //
 // Submission through a command (commande.cpp)
 //   DelivreMessage(message, body, action, argv, status slot): starts argv[0]
@@ -90,6 +104,25 @@ enum class ReponseLmtp { Accueil, Ok, Donnees, SurQuota, Permanente, Autre };
 
 // Classifies one reply (null reads as an empty reply).
 ReponseLmtp ClasseReponseLmtp(const char *pc_Reponse);
+
+// One reply being assembled from the bytes received: its lines, each ended
+// by a line feed, up to the first line that is not a continuation line
+// ("NNN-": three digits and a hyphen).  At most TAILLE_DIALOGUE - 1 bytes
+// are kept; the rest of a longer reply is dropped while its lines are still
+// followed, so the next reply starts where it should.  Start each reply
+// from a fresh value.
+struct AssemblageReponse {
+    char Pc_Texte[TAILLE_DIALOGUE] = "";  // the reply kept, NUL-terminated
+    std::size_t t_Long = 0;               // bytes kept
+    char Pc_Tete[4] = {};                 // first bytes of the line in hand
+    std::size_t t_Ligne = 0;              // bytes of the line in hand so far
+    bool b_Complete = false;
+};
+
+// Adds received bytes to the reply until it is complete; returns how many
+// it took (none once complete): the rest belongs to the replies after it.
+std::size_t AssembleReponseLmtp(AssemblageReponse *pst_Reponse, const char *pc_Octets,
+                                std::size_t t_Long);
 
 // A server designation split into its parts.
 struct ServeurLmtp {

@@ -78,6 +78,7 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
         EcritTout(i_Fd, s_Rep.data(), s_Rep.size());
         if (e.b_BloqueApres)
             for (;;) pause();
+        if (e.b_FermeApres) _exit(0);
     }
 }
 

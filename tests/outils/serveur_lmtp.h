@@ -8,7 +8,7 @@
 // later step answers one unit received (a command line up to its line feed,
 // or, after a DATA command answered "354", the whole data up to its "\n.\n").
 // A step replies with its text, closes the connection, or stalls (before
-// or after its reply).  Every byte
+// or after its reply), or closes after its reply.  Every byte
 // received is recorded; Recu() waits for the server to end and returns them.
 // Once the script is used up the server reads to the end of the connection.
 //
@@ -33,6 +33,8 @@ struct EtapeLmtp {
     std::function<std::string(const std::string &)> f_Reponse;
     // After replying, stop reading (and answering) for good.
     bool b_BloqueApres = false;
+    // After replying, close the connection.
+    bool b_FermeApres = false;
 };
 
 // Shorthands for script steps.

@@ -69,7 +69,9 @@ std::vector<EtapeLmtp> Accepte(int n) {
     std::vector<EtapeLmtp> v = {Rep("220 lmtp ready\n"), Rep("250 2.1.0 ok\n")};
     for (int i = 0; i < n; i++) v.push_back(Rep("250 2.1.5 ok\n"));
     v.push_back(Rep("354 go ahead\n"));
-    v.push_back(Rep("250 2.1.5 Success\n"));
+    std::string s_Fin;
+    for (int i = 0; i < n; i++) s_Fin += "250 2.1.5 Success\n";
+    v.push_back(Rep(s_Fin));
     v.push_back(Rep("221 2.0.0 bye\n"));
     return v;
 }
@@ -266,27 +268,68 @@ TEST_F(Avis, RestrictionAnnuaire) {
     }
 }
 
-// The store refuses one of three mailboxes: the two others hold the
-// message, the run ends with 0, and one notice names the third with the
-// store's reply.
+// The store refuses mailboxes among three, at the recipient command or in
+// its replies after the data: the mailboxes answered 250 hold the message,
+// the run ends with 0 after one attempt, and one notice names each refused
+// mailbox with the store's reply (an over-quota refusal in words).  A first
+// reply after the data that refuses the message for good ends the session
+// without QUIT; a QUIT left unanswered once every reply is in is a warning.
 TEST_F(Avis, RefusDuServeurLmtp) {
-    Capture cap;
-    ServeurLmtpEssai st_Lmtp({Rep("220 ready\n"), Rep("250 ok\n"), Rep("250 ok\n"),
-                              Rep("550 5.1.1 User unknown\n"), Rep("250 ok\n"), Rep("354 go\n"),
-                              Rep("250 ok\n"), Rep("221 bye\n")},
-                             false);
-    ResultatProcessus r = Lance({"boite@vorane.example", "b2@vorane.example", "b3@vorane.example"},
-                                Message(), {}, "ext@vorane.example", st_Lmtp.Designation());
-    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_NE(st_Lmtp.Recu().find("\n.\nQUIT\n"), std::string::npos);
-    std::vector<Appel> a = cap.Appels();
-    ASSERT_EQ(a.size(), 1u) << r.s_Erreur;
-    std::string s = a[0].s_Entree;
-    EXPECT_NE(s.find("Subject: Non remis (incident) : essai \n"), std::string::npos) << s;
-    EXPECT_EQ(s.substr(s.find("\n\n") + 2),
-              "Les destinataires suivants n'ont pas recu votre message:\n\n"
-              "Destinataire <b2@vorane.example>, r\xe9ponse du serveur :\n"
-              "550 5.1.1 User unknown\n\n\n");
+    const std::string TETE = "Les destinataires suivants n'ont pas recu votre message:\n\n";
+    const std::string B2 = "Destinataire <b2@vorane.example>, r\xe9ponse du serveur :\n";
+    const std::string PLEINE = "Bo\xeete pleine, message refus\xe9 ...\n";
+    struct Cas {
+        const char *pc_Nom;
+        std::string s_Rcpt2;           // reply to the second recipient command
+        std::string s_FinDonnees;      // the replies after the data
+        EtapeLmtp st_Quit;
+        std::string s_Fin;             // the last bytes the store receives
+        const char *pc_Avertissement;  // the one report on standard error
+        std::string s_Avis;            // body of the notice
+    };
+    const Cas tst[] = {
+        {"refus_avant_les_donnees", "550 5.1.1 User unknown\n", "250 ok\n250 ok\n",
+         Rep("221 bye\n"), "\n.\nQUIT\n", nullptr, TETE + B2 + "550 5.1.1 User unknown\n\n"},
+        {"quota_apres_les_donnees", "250 ok\n",
+         "250 ok\n452 4.2.2 Over quota SESSIONID=<s>\n250 ok\n", Rep("221 bye\n"),
+         "\n.\nQUIT\n", nullptr, TETE + B2 + PLEINE},
+        {"refus_et_temporaire_apres_les_donnees_quit_sans_reponse", "250 ok\n",
+         "250 ok\n550 5.2.1 Mailbox disabled\n451 4.3.0 Try later\n", Ferme(), "\n.\nQUIT\n",
+         "4, v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=104",
+         TETE + B2 + "550 5.2.1 Mailbox disabled\n\n" +
+             "Destinataire <b3@vorane.example>, r\xe9ponse du serveur :\n451 4.3.0 Try later\n\n"},
+        {"message_refuse_puis_quota", "250 ok\n",
+         "554 5.6.0 Message contains invalid header\n452 4.2.2 Over quota\n250 ok\n",
+         Rep("221 bye\n"), "\n.\n",
+         "4, v1.1.0/1551: Message non remis, reponse <554 5.6.0 Message contains invalid header\n>",
+         "Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
+         "554 5.6.0 Message contains invalid header\n" + B2 + PLEINE},
+    };
+    for (const Cas &c : tst) {
+        SCOPED_TRACE(c.pc_Nom);
+        Capture cap;
+        ServeurLmtpEssai st_Lmtp({Rep("220 ready\n"), Rep("250 ok\n"), Rep("250 ok\n"),
+                                  Rep(c.s_Rcpt2), Rep("250 ok\n"), Rep("354 go\n"),
+                                  Rep(c.s_FinDonnees), c.st_Quit},
+                                 false);
+        ResultatProcessus r =
+            Lance({"boite@vorane.example", "b2@vorane.example", "b3@vorane.example"}, Message(), {},
+                  "ext@vorane.example", st_Lmtp.Designation());
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        std::string s_Recu = st_Lmtp.Recu();
+        EXPECT_EQ(s_Recu.substr(s_Recu.size() - c.s_Fin.size()), c.s_Fin);
+        std::size_t p = r.s_Erreur.find(" !ERR:");
+        if (c.pc_Avertissement != nullptr) {
+            EXPECT_EQ(r.s_Erreur.find(std::string(" !ERR:") + c.pc_Avertissement), p) << r.s_Erreur;
+            p = r.s_Erreur.find(" !ERR:", p + 1);
+        }
+        EXPECT_EQ(p, std::string::npos) << r.s_Erreur;
+        std::vector<Appel> a = cap.Appels();
+        ASSERT_EQ(a.size(), 1u) << r.s_Erreur;
+        std::string s = a[0].s_Entree;
+        EXPECT_NE(s.find("Subject: Non remis (incident) : essai \n"), std::string::npos) << s;
+        EXPECT_EQ(s.substr(s.find("\n\n") + 2), c.s_Avis + "\n");
+    }
 }
 
 // A report raised while an incident notice is being sent (its sendmail

@@ -5,9 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -24,7 +27,7 @@ const std::string EMETTEUR = "ext@partenaire.test";
 // Mailboxes of the store, one set per test so that counts stay readable;
 // m101 to m120 take one transaction whose final replies exceed one read.
 std::vector<std::string> Boites() {
-    std::vector<std::string> v = {"alice", "carole", "gilles", "helene", "plein"};
+    std::vector<std::string> v = {"alice", "carole", "gilles", "helene", "plein", "juste"};
     for (int i = 101; i <= 120; i++) v.push_back("m" + std::to_string(i));
     return v;
 }
@@ -100,6 +103,47 @@ std::string Difference(const std::string &a, const std::string &b) {
     return "sizes " + std::to_string(a.size()) + " / " + std::to_string(b.size()) +
            ", first difference at byte " + std::to_string(i) + ": " + Extrait(a) + " / " +
            Extrait(b);
+}
+
+// Pids of the store's processes run as the program named (its argv[0] ends
+// with it) with the store's configuration.
+std::vector<pid_t> ProcessusCyrus(const CyrusEssai &st, const std::string &s_Programme) {
+    std::vector<pid_t> v;
+    const std::string s_Conf = std::string("\0-C\0", 4) + st.s_Conf + '\0';
+    std::error_code ec;
+    for (const auto &e : std::filesystem::directory_iterator("/proc", ec)) {
+        std::string s_Pid = e.path().filename().string();
+        if (s_Pid.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::string s_Cmd = LitFichier(e.path().string() + "/cmdline");  // empty once it has ended
+        std::string s_Argv0 = s_Cmd.substr(0, s_Cmd.find('\0'));
+        bool b_Nom = s_Argv0.size() >= s_Programme.size() &&
+                     s_Argv0.compare(s_Argv0.size() - s_Programme.size(), std::string::npos,
+                                     s_Programme) == 0;
+        if (b_Nom && s_Cmd.find(s_Conf) != std::string::npos) v.push_back(std::stoi(s_Pid));
+    }
+    return v;
+}
+
+// Adds a setting to the store's configuration and waits until it applies:
+// SIGHUP makes the master end its idle lmtpd processes, which read their
+// configuration once, and the next connection starts a fresh one.
+bool ReglageCyrus(const CyrusEssai &st, const std::string &s_Ligne) {
+    std::vector<pid_t> v_Master = ProcessusCyrus(st, "/master");
+    std::vector<pid_t> v_Anciens = ProcessusCyrus(st, "lmtpd");
+    if (v_Master.size() != 1) return false;
+    FILE *pf = fopen(st.s_Conf.c_str(), "a");
+    if (pf == nullptr) return false;
+    bool b_Ecrit = fputs((s_Ligne + "\n").c_str(), pf) >= 0;
+    if (fclose(pf) != 0 || !b_Ecrit || kill(v_Master[0], SIGHUP) != 0) return false;
+    for (int i = 0; i < 200; i++) {
+        std::vector<pid_t> v = ProcessusCyrus(st, "lmtpd");
+        if (std::none_of(v.begin(), v.end(), [&](pid_t p) {
+                return std::find(v_Anciens.begin(), v_Anciens.end(), p) != v_Anciens.end();
+            }))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return false;
 }
 
 class Cyrus : public ::testing::Test {
@@ -219,7 +263,8 @@ TEST_F(Cyrus, CorpsDixMegaoctets) {
 }
 
 // Twenty mailbox recipients (one written in capitals) in one transaction:
-// lmtpd's final replies (one line per recipient) no longer fit in one read.
+// lmtpd's final replies (one line per recipient) no longer fit in one read
+// and are read over two, QUIT's reply after them.
 // Every mailbox gets exactly one copy of the rewritten message and its
 // delivery marker, and the run ends with 0 and its one information line.
 TEST_F(Cyrus, VingtBoitesUneTransaction) {
@@ -248,21 +293,29 @@ TEST_F(Cyrus, VingtBoitesUneTransaction) {
     }
 }
 
-// Recipients the store refuses among two it knows: one whose mailbox it
-// does not know, one whose mailbox is over its quota (refused at the
-// recipient command with 452).  The two are delivered, the refused ones get
+// Recipients the store refuses among others it knows, before and after the
+// data.  With its default settings the store weighs a quota at the
+// recipient command against what the mailbox already holds: a message that
+// takes a mailbox past its quota is taken whole, and the next one is refused
+// there (452).  Among four recipients, one whose mailbox it does not know
+// and that full one: the two others are delivered, the refused ones get
 // nothing, the run ends with 0, and one notice tells the sender, with
 // lmtpd's three-line 550 reply as received and the full mailbox named.
-// (The store lets one message take a mailbox past its quota: the first run
-// fills it.)
+// With strict quotas it weighs the message itself after the data, and
+// refuses it there for that mailbox alone: the mailboxes before and after
+// it in the transaction keep their copy and the notice names it.
 TEST_F(Cyrus, DestinatairesRefusesParmiDautres) {
-    ASSERT_TRUE(CommandesImap(&sst_Cyrus, {"SETQUOTA user.plein (STORAGE 1)"})) << sst_Cyrus.s_Erreur;
-    ResultatProcessus r = Lance({"plein@vorane.example"},
-                                Message(NouvelId(), "remplissage", std::string(3000, 'r') + "\n"));
+    const std::string TETE = "Les destinataires suivants n'ont pas recu votre message:\n\n";
+    const std::string CORPS = std::string(3000, 'r') + "\n";  // more than 2 KB
+    ASSERT_TRUE(CommandesImap(&sst_Cyrus, {"SETQUOTA user.plein (STORAGE 1)",
+                                           "SETQUOTA user.juste (STORAGE 2)"}))
+        << sst_Cyrus.s_Erreur;
+    Capture cap;
+    ResultatProcessus r = Lance({"plein@vorane.example"}, Message(NouvelId(), "remplissage", CORPS));
     ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
     ASSERT_EQ(Nombre("plein"), 1u);
+    EXPECT_EQ(cap.Appels().size(), 0u);
 
-    Capture cap;
     r = Lance({"gilles@vorane.example", "fantome@vorane.example", "plein@vorane.example",
                "helene@vorane.example"},
               Message(NouvelId(), "refus", "corps\n"));
@@ -275,12 +328,25 @@ TEST_F(Cyrus, DestinatairesRefusesParmiDautres) {
     EXPECT_EQ(a[0].Destinataires(), std::vector<std::string>{EMETTEUR});
     std::string s = a[0].s_Entree;
     EXPECT_EQ(s.substr(s.find("\n\n") + 2),
-              "Les destinataires suivants n'ont pas recu votre message:\n\n"
-              "Destinataire <fantome@vorane.example>, r\xe9ponse du serveur :\n"
+              TETE + "Destinataire <fantome@vorane.example>, r\xe9ponse du serveur :\n"
               "550-Mailbox unknown.  Either there is no mailbox associated with this\r\n"
               "550-name or you do not have authorization to see it.\r\n"
               "550 5.1.1 User unknown\r\n\n"
               "Destinataire <plein@vorane.example>, r\xe9ponse du serveur :\n"
+              "Bo\xeete pleine, message refus\xe9 ...\n\n");
+
+    ASSERT_TRUE(ReglageCyrus(sst_Cyrus, "lmtp_strict_quota: 1"));
+    r = Lance({"gilles@vorane.example", "juste@vorane.example", "helene@vorane.example"},
+              Message(NouvelId(), "strict", CORPS));
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(Nombre("gilles"), 2u);
+    EXPECT_EQ(Nombre("juste"), 0u);
+    EXPECT_EQ(Nombre("helene"), 2u);
+    a = cap.Appels();
+    ASSERT_EQ(a.size(), 2u) << r.s_Erreur;
+    s = a[1].s_Entree;
+    EXPECT_EQ(s.substr(s.find("\n\n") + 2),
+              TETE + "Destinataire <juste@vorane.example>, r\xe9ponse du serveur :\n"
               "Bo\xeete pleine, message refus\xe9 ...\n\n");
 }
 

@@ -51,7 +51,9 @@ std::vector<EtapeLmtp> ScriptAccepte(int n) {
     std::vector<EtapeLmtp> v = {Rep("220 lmtp ready\n"), Rep("250 2.1.0 ok\n")};
     for (int i = 0; i < n; i++) v.push_back(Rep("250 2.1.5 ok\n"));
     v.push_back(Rep("354 go ahead\n"));
-    v.push_back(Rep("250 2.1.5 Success\n"));
+    std::string s_Fin;  // one reply per recipient after the data
+    for (int i = 0; i < n; i++) s_Fin += "250 2.1.5 Success\n";
+    v.push_back(Rep(s_Fin));
     v.push_back(Rep("221 2.0.0 bye\n"));
     return v;
 }

@@ -115,6 +115,54 @@ TEST(ClasseReponse, Table) {
         EXPECT_EQ(ClasseReponseLmtp(c.pc), c.e) << (c.pc ? c.pc : "(null)");
 }
 
+// Replies cut or merged at the wrong place: a reply split over reads, a
+// continuation line taken as the end or the reverse, a reply over the
+// buffer that overflows it or shifts the replies after it.
+TEST(AssemblageReponse, Table) {
+    const std::string LONGUE = "550-" + std::string(2000, 'x') + "\r\n550 fin\r\n";
+    std::vector<std::string> v_Longue;  // the long reply and the next, in 700-byte reads
+    for (std::size_t p = 0; p < LONGUE.size() + 14; p += 700)
+        v_Longue.push_back((LONGUE + "250 suivante\r\n").substr(p, 700));
+    struct Cas {
+        const char *pc_Nom;
+        std::vector<std::string> v_Lectures;
+        std::vector<std::string> v_Reponses;  // complete replies, in order
+        std::string s_Reste;                  // the incomplete one at the end
+    } t[] = {
+        {"coupee_entre_deux_lectures", {"250 2.1.5 Suc", "cess\r\n"}, {"250 2.1.5 Success\r\n"}, ""},
+        {"code_coupe_entre_lectures", {"55", "0-a\r\n5", "50", " b\r\n"}, {"550-a\r\n550 b\r\n"}, ""},
+        {"trois_dans_une_lecture",
+         {"250 a\r\n452 4.2.2 Over quota\r\n250 c\r\n"},
+         {"250 a\r\n", "452 4.2.2 Over quota\r\n", "250 c\r\n"},
+         ""},
+        {"suite_puis_suivante",
+         {"550-Mailbox unknown.\r\n550-name\r\n550 5.1.1 User unknown\r\n250 ok\r\n"},
+         {"550-Mailbox unknown.\r\n550-name\r\n550 5.1.1 User unknown\r\n", "250 ok\r\n"},
+         ""},
+        {"tiret_sans_code", {"5x0-a\n-b\n250-\n250 ok\n"}, {"5x0-a\n", "-b\n", "250-\n250 ok\n"}, ""},
+        {"code_seul_apres_une_suite", {"250-a\n250\n250 ok\n"}, {"250-a\n250\n", "250 ok\n"}, ""},
+        {"ligne_vide", {"\r\n250 ok\r\n"}, {"\r\n", "250 ok\r\n"}, ""},
+        {"sans_fin_de_ligne", {"250 ok\r\n221 by", "e"}, {"250 ok\r\n"}, "221 bye"},
+        {"trop_longue", {LONGUE + "250 suivante\r\n"}, {LONGUE.substr(0, 1023), "250 suivante\r\n"}, ""},
+        {"trop_longue_en_morceaux", v_Longue, {LONGUE.substr(0, 1023), "250 suivante\r\n"}, ""},
+    };
+    for (const Cas &c : t) {
+        std::vector<std::string> v_Reponses;
+        AssemblageReponse st;
+        for (const std::string &s_Lecture : c.v_Lectures) {
+            std::size_t p = 0;
+            while (p < s_Lecture.size()) {
+                p += AssembleReponseLmtp(&st, s_Lecture.data() + p, s_Lecture.size() - p);
+                if (!st.b_Complete) continue;
+                v_Reponses.emplace_back(st.Pc_Texte);
+                st = AssemblageReponse{};
+            }
+        }
+        EXPECT_EQ(v_Reponses, c.v_Reponses) << c.pc_Nom;
+        EXPECT_EQ(st.Pc_Texte, c.s_Reste) << c.pc_Nom;
+    }
+}
+
 // A designation read as some other server: wrong defaults, a bad port taken
 // as another one, a socket path or host cut to fit.
 TEST(Designation, FormesEtRefus) {
@@ -289,41 +337,65 @@ TEST_F(Lmtp, RapportPrecedent) {
     }
 }
 
-// A server that closes or stalls never yields 0: before the data the attempt
-// fails with a non-zero result, after it the process ends for a retry.
+// A server that closes or stalls: before the data the attempt fails with a
+// non-zero result; while replies to the data are still due the process ends
+// for a retry; once every accepted mailbox has its reply the message is
+// delivered and a QUIT left unanswered is only a warning.
 TEST_F(Lmtp, FermetureEtBlocage) {
+    EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n");
+    st_DeuxSurTrois.b_FermeApres = true;
     struct Cas {
         const char *pc_Nom;
         std::vector<EtapeLmtp> v_Script;
-        int i_Res;      // expected result, or -1: the process ends with 75
-        const char *pc_Message;  // in standard error when it ends
+        int i_Res;               // expected result, or -1: the process ends with 75
+        const char *pc_Message;  // the one report on standard error, if any
+        int i_Boites = 1;
     } t[] = {
         {"ferme_accueil", {Ferme()}, ECONNRESET, nullptr},
         {"ferme_rcpt", {ACCUEIL, OK, Ferme()}, ECONNRESET, nullptr},
         {"bloque_accueil", {Bloque()}, ETIMEDOUT, nullptr},
         {"bloque_mail", {ACCUEIL, Bloque()}, ETIMEDOUT, nullptr},
         {"ferme_fin_donnees", {ACCUEIL, OK, OK, GO, Ferme()}, -1,
-         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=104"},
+         "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=104"},
         {"bloque_fin_donnees", {ACCUEIL, OK, OK, GO, Bloque()}, -1,
-         "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=110"},
+         "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=110"},
+        {"ferme_apres_deux_reponses_sur_trois", {ACCUEIL, OK, OK, OK, OK, GO, st_DeuxSurTrois}, -1,
+         "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=104 (Connection "
+         "reset by peer). message-id=<id.1@ext.example>, from=<emetteur@ext.example>, "
+         "to=<->(-/2). Possibilite de depots repetes\n",
+         3},
         {"451_fin_donnees", {ACCUEIL, OK, OK, GO, Rep("451 4.3.0 later\r\n")}, -1,
-         "v1.1.0/1570: Reponse <.>=<451 4.3.0 later\r\n>"},
-        {"ferme_quit", {ACCUEIL, OK, OK, GO, OK, Ferme()}, -1,
-         "v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit"},
+         "2, v1.1.0/1570: Reponse <.>=<451 4.3.0 later\r\n>"},
+        {"ferme_quit", {ACCUEIL, OK, OK, GO, OK, Ferme()}, 0,
+         "4, v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=104 (Connection "
+         "reset by peer). message-id=<id.1@ext.example>, from=<emetteur@ext.example>, "
+         "to=<->(-/2)\n"},
+        {"bloque_quit", {ACCUEIL, OK, OK, GO, OK, Bloque()}, 0,
+         "4, v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=110"},
     };
     gi_DelaiReseau = 1;
     gi_DelaiFinDonnees = 1;
     for (const Cas &c : t) {
         ServeurLmtpEssai srv(c.v_Script, false);
-        Issue is = Tente(srv.Designation(), Essai{});
-        if (c.i_Res >= 0) {
-            EXPECT_EQ(is.r.i_Statut, 0) << c.pc_Nom << is.r.s_Erreur;
-            EXPECT_EQ(is.i_Res, c.i_Res) << c.pc_Nom;
-        } else {
-            EXPECT_EQ(is.r.i_Statut, 75) << c.pc_Nom;
-            EXPECT_NE(is.r.s_Erreur.find(std::string(" !ERR:2, ") + c.pc_Message), std::string::npos)
-                << c.pc_Nom << ": " << is.r.s_Erreur;
+        Essai e;
+        for (int k = 1; k < c.i_Boites; k++) {
+            e.v_Boites.push_back("b" + std::to_string(k));
+            e.v_Adresses.push_back("b" + std::to_string(k) + "@vorane.example");
         }
+        Issue is = Tente(srv.Designation(), e);
+        EXPECT_EQ(is.r.i_Statut, c.i_Res >= 0 ? 0 : 75) << c.pc_Nom << is.r.s_Erreur;
+        if (c.i_Res >= 0) {
+            EXPECT_EQ(is.i_Res, c.i_Res) << c.pc_Nom;
+            EXPECT_FALSE(is.b_Rapport) << c.pc_Nom;
+        }
+        std::size_t p = is.r.s_Erreur.find(" !ERR:");
+        if (c.pc_Message == nullptr) {
+            EXPECT_EQ(p, std::string::npos) << c.pc_Nom << ": " << is.r.s_Erreur;
+            continue;
+        }
+        EXPECT_EQ(is.r.s_Erreur.find(std::string(" !ERR:") + c.pc_Message), p)
+            << c.pc_Nom << ": " << is.r.s_Erreur;
+        EXPECT_EQ(is.r.s_Erreur.find(" !ERR:", p + 1), std::string::npos) << c.pc_Nom;
     }
 }
 
