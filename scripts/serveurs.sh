@@ -66,7 +66,7 @@ racine=${script%/scripts/*}
 PYTHON=(/usr/bin/python3 -I -S)
 SUFFIXE=dc=vorane,dc=example
 CYRUS=/usr/lib/cyrus/bin
-NOM_CYRUS=vorane-essai  # servername, and the realm of the administrator in the sasldb
+NOM_CYRUS=vorane-magasin  # servername, and the realm of the administrator in the sasldb
 ATTENTE=150             # start and stop waits, in steps of 0.1 s
 
 # Says why and ends with 1; the files given (logs) follow, indented.
@@ -496,8 +496,8 @@ EOF
 messages() {
   local dossier
   dossier=$("$CYRUS/mbpath" -C "$1/imapd.conf" "user.$2" 2>/dev/null) || return 0
-  find "$dossier" -maxdepth 1 -name '[0-9]*.' -printf '%f\n' | grep -E '^[0-9]+\.$' | sort -n |
-    sed "s|^|$dossier/|"
+  find "$dossier" -maxdepth 1 -regextype posix-extended -regex '.*/[0-9]+\.' -printf '%f\n' |
+    sort -n | sed "s|^|$dossier/|"
 }
 
 # ---------------------------------------------------------------------------
