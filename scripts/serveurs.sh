@@ -206,12 +206,20 @@ else:
 # Stopping.
 
 arrete() {
-  local rep=$1 garde pid
+  local rep=$1 garde pid verrou
   [ -d "$rep" ] || return 0
   [[ $rep = /* ]] || rep=$PWD/$rep
+  # A start still under way (the owner died during it) is waited for, so
+  # that what it starts is stopped too; a start that fails stops itself.
+  if [ -z "${demarrage:-}" ] && { exec {verrou}<"$rep/.verrou"; } 2>/dev/null; then
+    flock -w 60 "$verrou" || true
+    [ -d "$rep" ] || return 0
+  fi
   lit "$rep/garde.pid"
   garde=$ligne
   lit "$rep/serveur.pid"
+  # A Postfix start cut short leaves the master's own pid file only.
+  [ -n "$ligne" ] || lit "$rep/queue/pid/master.pid"
   pid=$ligne
   # The guardian runs this very command when the owner has gone.
   if [[ $garde =~ ^[1-9][0-9]*$ ]] && [ "$garde" != $$ ]; then kill -TERM "$garde" 2>/dev/null || true; fi
@@ -260,9 +268,17 @@ prepare() {
   contenu=("$rep"/*)
   shopt -u nullglob dotglob
   [ ${#contenu[@]} -eq 0 ] || { echo "serveurs.sh: $rep n'est pas vide" >&2; exit 1; }
-  [[ $garde =~ ^[1-9][0-9]*$ ]] || { echo "serveurs.sh: --garde $garde: pas un pid" >&2; exit 1; }
+  # Pid 1 never ends: the caller was gone before this script started.
+  [[ $garde =~ ^[1-9][0-9]*$ ]] && [ "$garde" != 1 ] ||
+    { echo "serveurs.sh: --garde $garde: pas un processus a suivre" >&2; exit 1; }
+  # Held until this script ends: a stop waits for the start to finish.
+  # Nothing that outlives the script may inherit it (each launch below
+  # closes it).
+  demarrage=1
+  exec {verrou}>"$rep/.verrou"
+  flock "$verrou"
   # Run directly (not through py) so that $! is its own pid.
-  "${PYTHON[@]}" -c "$PY_GARDE" "$garde" "$script" "$rep" </dev/null >/dev/null 2>&1 &
+  "${PYTHON[@]}" -c "$PY_GARDE" "$garde" "$script" "$rep" </dev/null >/dev/null 2>&1 {verrou}>&- &
   echo $! >"$rep/garde.pid"
   # From here on, a failed start stops what it started and removes DIR.
   trap '[ $? -eq 0 ] || arrete "$rep"' EXIT
@@ -274,7 +290,7 @@ prepare() {
 lance() {
   local sortie=$1
   shift
-  setsid "$@" </dev/null >>"$sortie" 2>&1 &
+  setsid "$@" </dev/null >>"$sortie" 2>&1 {verrou}>&- &
   pid=$!
   echo "$pid" >"$rep/serveur.pid"
 }
@@ -581,7 +597,7 @@ vorane    unix  - n n -    - pipe flags=Rq user=$utilisateur null_sender= argv=$
 capture   unix  - n n -    1 pipe flags=BFR> user=$utilisateur argv=/bin/dd of=$rep/capture/mbox oflag=append conv=notrunc status=none
 EOF
     touch -d "$ANCIEN" "$etc/main.cf" "$etc/master.cf" "$etc/transport"
-    if postfix -c "$etc" start >"$rep/log/demarrage" 2>&1; then
+    if postfix -c "$etc" start >"$rep/log/demarrage" 2>&1 {verrou}>&-; then
       pid=$(tr -dc 0-9 <"$rep/queue/pid/master.pid")
       echo "$pid" >"$rep/serveur.pid"
       annonce "PID=$pid" "PORT=$port" "CONF=$etc" "JOURNAL=$rep/log/maillog" "CAPTURE=$rep/capture/mbox"

@@ -3,12 +3,8 @@
 #include "annuaire_essai.h"
 
 #include <arpa/inet.h>
-#include <csignal>
 #include <netinet/in.h>
-#include <poll.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -72,54 +68,27 @@ void SuspendAnnuaire(const AnnuaireEssai &st) { Serveurs({"suspend", st.s_Repert
 void ReprendAnnuaire(const AnnuaireEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
 
 bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode) {
-    // A backlog of 0 leaves room for one connection, which the fixture takes
-    // itself in ModeMuet::FilePleine; the kernel then drops every new SYN.
+    // Nothing ever accepts: the kernel completes the handshakes up to the
+    // backlog by itself, so a client connects, writes and waits for an
+    // answer that never comes.  A backlog of 0 leaves room for one
+    // connection, which the fixture takes itself in ModeMuet::FilePleine;
+    // the kernel then drops every new SYN.
     const bool b_Plein = e_Mode == ModeMuet::FilePleine;
-    int i_Ecoute = SocketLocale(&pst->i_Port);
-    pid_t pid = 0;
-    if (i_Ecoute < 0 || listen(i_Ecoute, b_Plein ? 0 : 16) != 0 || (!b_Plein && (pid = fork()) < 0)) {
-        if (i_Ecoute >= 0) close(i_Ecoute);
-        return false;
-    }
+    pst->i_Ecoute = SocketLocale(&pst->i_Port);
+    if (pst->i_Ecoute < 0 || listen(pst->i_Ecoute, b_Plein ? 0 : 16) != 0) return false;
     pst->s_Hote = "127.0.0.1:" + std::to_string(pst->i_Port);
-    if (b_Plein) {
-        pst->i_Ecoute = i_Ecoute;
-        pst->i_Bouchon = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_in st{};
-        st.sin_family = AF_INET;
-        st.sin_port = htons(static_cast<uint16_t>(pst->i_Port));
-        st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connect(pst->i_Bouchon, reinterpret_cast<sockaddr *>(&st), sizeof st);
-        usleep(50000);
-        return pst->i_Bouchon >= 0;
-    }
-    if (pid == 0) {
-        // Accepts every connection and reads whatever comes, never writing.
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        std::vector<pollfd> v{{i_Ecoute, POLLIN, 0}};
-        char pc[4096];
-        for (;;) {
-            if (poll(v.data(), v.size(), -1) < 0) continue;
-            for (std::size_t i = 1; i < v.size(); i++)
-                if (v[i].fd >= 0 && v[i].revents != 0 && read(v[i].fd, pc, sizeof pc) <= 0) {
-                    close(v[i].fd);
-                    v[i].fd = -1;
-                }
-            int i_Fd = (v[0].revents & POLLIN) ? accept(i_Ecoute, nullptr, nullptr) : -1;
-            if (i_Fd >= 0) v.push_back({i_Fd, POLLIN, 0});
-        }
-    }
-    close(i_Ecoute);
-    pst->i_Pid = pid;
-    return true;
+    if (!b_Plein) return true;
+    pst->i_Bouchon = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in st{};
+    st.sin_family = AF_INET;
+    st.sin_port = htons(static_cast<uint16_t>(pst->i_Port));
+    st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connect(pst->i_Bouchon, reinterpret_cast<sockaddr *>(&st), sizeof st);
+    usleep(50000);
+    return pst->i_Bouchon >= 0;
 }
 
 void ArreteServeurMuet(ServeurMuet *pst) {
-    if (pst->i_Pid > 0) {
-        kill(pst->i_Pid, SIGKILL);
-        waitpid(pst->i_Pid, nullptr, 0);
-        pst->i_Pid = 0;
-    }
     if (pst->i_Bouchon >= 0) close(pst->i_Bouchon);
     if (pst->i_Ecoute >= 0) close(pst->i_Ecoute);
     pst->i_Bouchon = pst->i_Ecoute = -1;

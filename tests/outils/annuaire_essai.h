@@ -10,7 +10,8 @@
 // server dies with the test process.
 //
 // DemarreServeurMuet stands in for a directory host that never answers:
-//   ModeMuet::Accepte     accepts TCP connections, reads, never writes;
+//   ModeMuet::Accepte     TCP connections are established (and what the
+//                         client writes is taken), nothing is ever written;
 //   ModeMuet::FilePleine  a listening socket whose accept queue is full, so
 //                         that a new connection is never established (the
 //                         connect itself hangs).
@@ -56,8 +57,7 @@ enum class ModeMuet { Accepte, FilePleine };
 
 struct ServeurMuet {
     int i_Port = 0;
-    pid_t i_Pid = 0;     // accepting child (ModeMuet::Accepte)
-    int i_Ecoute = -1;   // listening socket (ModeMuet::FilePleine)
+    int i_Ecoute = -1;   // listening socket, never accepted from
     int i_Bouchon = -1;  // connection that fills the queue
     std::string s_Hote;  // "127.0.0.1:<port>"
 };
