@@ -67,7 +67,7 @@ PYTHON=(/usr/bin/python3 -I -S)
 SUFFIXE=dc=vorane,dc=example
 CYRUS=/usr/lib/cyrus/bin
 NOM_CYRUS=vorane-magasin  # servername, and the realm of the administrator in the sasldb
-ATTENTE=150             # start and stop waits, in steps of 0.1 s
+ATTENTE=750             # start and stop waits, in steps of 0.02 s
 
 # Says why and ends with 1; the files given (logs) follow, indented.
 echec() {
@@ -122,11 +122,11 @@ port_libre() {
 # Stops a process and its process group: SIGCONT (a suspended server must
 # see the SIGTERM), SIGTERM, then SIGKILL to the group if it lingers.
 termine() {
-  local pid=$1
+  local pid=$1 i
   [[ $pid =~ ^[1-9][0-9]*$ ]] && [ "$pid" -gt 1 ] || return 0
   kill -CONT -- "-$pid" 2>/dev/null || true
   kill -TERM "$pid" 2>/dev/null || true
-  for ((i = 0; i < ATTENTE; i++)); do vivant "$pid" || break; pause 0.1; done
+  for ((i = 0; i < ATTENTE; i++)); do vivant "$pid" || break; pause 0.02; done
   kill -KILL -- "-$pid" 2>/dev/null || true
 }
 
@@ -207,11 +207,14 @@ else:
 
 arrete() {
   local rep=$1 garde pid verrou
-  [ -d "$rep" ] || return 0
   [[ $rep = /* ]] || rep=$PWD/$rep
-  # A start still under way (the owner died during it) is waited for, so
-  # that what it starts is stopped too; a start that fails stops itself.
-  if [ -z "${demarrage:-}" ] && { exec {verrou}<"$rep/.verrou"; } 2>/dev/null; then
+  # Only a directory this script started from (it holds the lock file) is
+  # ever removed.
+  [ -e "$rep/.verrou" ] || return 0
+  # A start still under way (the owner died during it: no serveur.env yet)
+  # is waited for, so that what it starts is stopped too; a start that
+  # fails stops itself.
+  if [ -z "${demarrage:-}" ] && [ ! -e "$rep/serveur.env" ] && { exec {verrou}<"$rep/.verrou"; } 2>/dev/null; then
     flock -w 60 "$verrou" || true
     [ -d "$rep" ] || return 0
   fi
@@ -348,7 +351,7 @@ EOF
   for essai in 1 2 3 4 5; do
     port_libre
     lance "$rep/slapd.log" /usr/sbin/slapd -d 0 -f "$rep/slapd.conf" -h "ldap://127.0.0.1:$port/"
-    for ((i = 0; i < ATTENTE * 10; i++)); do
+    for ((i = 0; i < ATTENTE * 2; i++)); do
       if ecoute "$port"; then
         annonce "PID=$pid" "PORT=$port" "HOTE=127.0.0.1:$port" "URL=ldap://127.0.0.1:$port/"
         return
@@ -508,12 +511,16 @@ EOF
 }
 
 # Paths of the stored messages of a mailbox, oldest first: files "<uid>."
-# of its folder.
+# of its folder (an array indexed by uid lists them in uid order).
 messages() {
-  local dossier
+  local dossier f n fichiers=()
   dossier=$("$CYRUS/mbpath" -C "$1/imapd.conf" "user.$2" 2>/dev/null) || return 0
-  find "$dossier" -maxdepth 1 -regextype posix-extended -regex '.*/[0-9]+\.' -printf '%f\n' |
-    sort -n | sed "s|^|$dossier/|"
+  for f in "$dossier"/[0-9]*.; do
+    n=${f##*/}
+    n=${n%.}
+    [[ $n =~ ^[0-9]+$ ]] && [ -f "$f" ] && fichiers[10#$n]=$f
+  done
+  [ ${#fichiers[@]} -eq 0 ] || printf '%s\n' "${fichiers[@]}"
 }
 
 # ---------------------------------------------------------------------------
