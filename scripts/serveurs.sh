@@ -347,8 +347,8 @@ EOF
   } >"$rep/entrees.ldif"
   /usr/sbin/slapadd -q -f "$rep/slapd.conf" -l "$rep/entrees.ldif" >"$rep/slapadd.log" 2>&1 ||
     echec "slapadd a echoue" "$rep/slapadd.log"
-  local port essai
-  for essai in 1 2 3 4 5; do
+  local port
+  for _ in 1 2 3 4 5; do
     port_libre
     lance "$rep/slapd.log" /usr/sbin/slapd -d 0 -f "$rep/slapd.conf" -h "ldap://127.0.0.1:$port/"
     for ((i = 0; i < ATTENTE * 2; i++)); do
@@ -477,8 +477,8 @@ sasl_sasldb_path: $rep/sasldb2
 sasl_mech_list: PLAIN
 duplicatesuppression: 0
 EOF
-  local port essai statut
-  for essai in 1 2 3; do
+  local port statut
+  for _ in 1 2 3; do
     port_libre
     ecrit "$rep/cyrus.conf" <<EOF
 START {
@@ -552,6 +552,9 @@ demarre_postfix() {
   chmod 755 "$rep"
   touch "$rep/capture/mbox"
   chown "$utilisateur" "$rep/capture/mbox"
+  # Nothing is local (empty mydestination): mail for the test domains goes
+  # to the pipe service, everything else (bounces and notices to outside
+  # senders included) into the capture mbox, so loopback clients may relay.
   printf '%s vorane:\n' "${domaines[@]}" >"$etc/transport"
   ecrit "$etc/main.cf" <<EOF
 compatibility_level = 3.6
@@ -578,8 +581,8 @@ ${taille:+message_size_limit = $taille}
 ${delai:+vorane_time_limit = ${delai}s}
 EOF
   py "$PY_ALTERNATE" + "$etc"
-  local port essai
-  for essai in 1 2 3; do
+  local port
+  for _ in 1 2 3; do
     port_libre
     ecrit "$etc/master.cf" <<EOF
 127.0.0.1:$port inet n - n - - smtpd
