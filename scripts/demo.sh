@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # demo.sh - builds remise-vorane and shows it at work the way Postfix runs
 # it, against a throw-away directory (OpenLDAP slapd) and a throw-away mail
-# store (Cyrus lmtpd), both started as plain processes from one temporary
-# directory, on loopback and a Unix socket only, and removed at the end.
+# store (Cyrus lmtpd), both started by scripts/serveurs.sh as plain processes
+# under one temporary directory, on loopback and a Unix socket only, and
+# removed at the end.
 #
 # For every sample message it shows the command (as Postfix's pipe transport
 # would run it, the message on standard input with the Return-Path line of
@@ -28,60 +29,36 @@ cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 ninja -C build remise-vorane
 prog=$racine/build/remise-vorane
 
-PYTHON=/usr/bin/python3
-MASTER=/usr/lib/cyrus/bin/master
-MBPATH=/usr/lib/cyrus/bin/mbpath
+SERVEURS=(bash "$racine/scripts/serveurs.sh")
 SUFFIXE=dc=vorane,dc=example
 
 # ---------------------------------------------------------------------------
-# Temporary directory, and the clean-up that runs however the script ends.
+# Temporary directory, and the clean-up that runs however the script ends
+# (should the demo itself be killed, the servers' guardians stop them).
 tmp=$(mktemp -d /tmp/vorane-demo-XXXXXX)
 chmod 755 "$tmp"
-pid_slapd=""
-pid_master=""
 en_fin=""
-
-# Stops one server: SIGTERM, then SIGKILL to its process group after 10 s.
-arrete() {
-  local pid=$1
-  [ -n "$pid" ] || return 0
-  kill -TERM "$pid" 2>/dev/null || return 0
-  for _ in $(seq 100); do
-    kill -0 "$pid" 2>/dev/null || { wait "$pid" 2>/dev/null || true; return 0; }
-    sleep 0.1
-  done
-  kill -KILL -- "-$pid" 2>/dev/null || kill -KILL "$pid" 2>/dev/null || true
-  wait "$pid" 2>/dev/null || true
-}
 
 fin() {
   local statut=$?
   en_fin=1
   trap '' INT TERM  # a second interruption must not cut the clean-up short
-  # The master's own pid file names it too, should the launch have been
-  # interrupted before its pid was noted.
-  if [ -z "$pid_master" ] && [ -s "$tmp/cyrus/master.pid" ]; then
-    pid_master=$(cat "$tmp/cyrus/master.pid")
-  fi
-  arrete "$pid_master"
-  [ -z "$pid_master" ] || kill -KILL -- "-$pid_master" 2>/dev/null || true
-  arrete "$pid_slapd"
+  "${SERVEURS[@]}" arrete "$tmp/cyrus" || true
+  "${SERVEURS[@]}" arrete "$tmp/ldap" || true
   rm -rf "$tmp"
   exit "$statut"
 }
 trap fin EXIT
 trap '[ -n "${en_fin:-}" ] || exit 130' INT TERM
 
-# A TCP port of 127.0.0.1 that nothing listens on right now.
-port_libre() {
-  "$PYTHON" -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])'
-}
-
 echec() {
   echo "demo.sh: $1" >&2
-  shift
-  for f in "$@"; do [ -f "$f" ] && sed 's/^/    /' "$f" >&2; done
   exit 1
+}
+
+# The value of NAME in the lines a server start printed.
+valeur() {
+  sed -n "s/^$2=//p" "$1"
 }
 
 # Section title, in bold on a terminal.
@@ -100,26 +77,6 @@ echo "\$ $prog --init      # cree /var/vorane/{Absences,Remises,Erreurs}/"
 
 # ---------------------------------------------------------------------------
 titre "Annuaire de demonstration (slapd, schema/vorane.schema)"
-mkdir -p "$tmp/ldap/db"
-cat >"$tmp/ldap/slapd.conf" <<EOF
-include /etc/ldap/schema/core.schema
-include /etc/ldap/schema/cosine.schema
-include /etc/ldap/schema/inetorgperson.schema
-include $racine/schema/vorane.schema
-pidfile $tmp/ldap/slapd.pid
-modulepath /usr/lib/ldap
-moduleload back_mdb
-defaultsearchbase $SUFFIXE
-loglevel 0
-database mdb
-maxsize 104857600
-suffix "$SUFFIXE"
-rootdn "cn=admin,$SUFFIXE"
-directory $tmp/ldap/db
-index mail,ravokVixmailEmission eq
-access to * by * read
-EOF
-
 # One mailbox entry: uid, display name, delivery kind.
 boite() {
   cat <<EOF
@@ -135,7 +92,6 @@ ravokVixRemise: $3
 EOF
 }
 {
-  printf 'dn: %s\nobjectClass: dcObject\nobjectClass: organization\ndc: vorane\no: vorane\n\n' "$SUFFIXE"
   boite alice "Alice Martin" LMTP
   boite bob "Bob Durand" LMTP
   boite nouveau "Nouvel Arrivant" LMTP   # no mailbox in the store yet
@@ -150,103 +106,18 @@ sn: Dupont
 mail: jean.dupont@partenaire.example
 
 EOF
-} >"$tmp/ldap/entrees.ldif"
-/usr/sbin/slapadd -q -f "$tmp/ldap/slapd.conf" -l "$tmp/ldap/entrees.ldif" 2>"$tmp/ldap/slapadd.log" ||
-  echec "slapadd a echoue" "$tmp/ldap/slapadd.log"
-# slapd in the foreground on a free port; another port if that one was
-# taken in between.
-for essai in 1 2 3; do
-  port_ldap=$(port_libre)
-  /usr/sbin/slapd -d 0 -f "$tmp/ldap/slapd.conf" -h "ldap://127.0.0.1:$port_ldap/" \
-    </dev/null >"$tmp/ldap/slapd.log" 2>&1 &
-  pid_slapd=$!
-  for _ in $(seq 100); do
-    ldapsearch -x -LLL -H "ldap://127.0.0.1:$port_ldap" -b "$SUFFIXE" -s base dn >/dev/null 2>&1 && break 2
-    kill -0 "$pid_slapd" 2>/dev/null || break
-    sleep 0.1
-  done
-  arrete "$pid_slapd"
-  pid_slapd=""
-  [ "$essai" -lt 3 ] || echec "slapd ne demarre pas" "$tmp/ldap/slapd.log"
-done
+} >"$tmp/entrees.ldif"
+"${SERVEURS[@]}" annuaire "$tmp/ldap" "$tmp/entrees.ldif" >"$tmp/ldap.env" || echec "slapd ne demarre pas"
+port_ldap=$(valeur "$tmp/ldap.env" PORT)
 echo "slapd sur ldap://127.0.0.1:$port_ldap/, entrees:"
 ldapsearch -x -LLL -H "ldap://127.0.0.1:$port_ldap" -b "$SUFFIXE" "(mail=*)" mail ravokVixRemise |
   awk '/^mail:/ {m=$2} /^ravokVixRemise:/ {r=$2} /^$/ && m {printf "  %-32s %s\n", m, (r ? r : "(expediteur externe)"); m=r=""}'
 
 # ---------------------------------------------------------------------------
 titre "Magasin de demonstration (Cyrus lmtpd)"
-c=$tmp/cyrus
-mkdir -p "$c"/{config,spool,socket,proc,lock,tmp,sieve}
-port_imap=$(port_libre)
-mdp="demo-$$-$RANDOM$RANDOM"
-cat >"$c/imapd.conf" <<EOF
-configdirectory: $c/config
-defaultpartition: default
-partition-default: $c/spool
-lmtpsocket: $c/socket/lmtp
-idlesocket: $c/socket/idle
-notifysocket: $c/socket/notify
-proc_path: $c/proc
-mboxname_lockpath: $c/lock
-temp_path: $c/tmp
-sievedir: $c/sieve
-servername: vorane-demo
-admins: cyrus
-altnamespace: no
-unixhierarchysep: no
-hashimapspool: false
-lmtp_downcase_rcpt: yes
-idlemethod: poll
-allowplaintext: yes
-sasl_pwcheck_method: auxprop
-sasl_auxprop_plugin: sasldb
-sasl_sasldb_path: $c/sasldb2
-sasl_mech_list: PLAIN
-EOF
-cat >"$c/cyrus.conf" <<EOF
-START {
-}
-SERVICES {
-  imap cmd="imapd -C $c/imapd.conf" listen="127.0.0.1:$port_imap" prefork=0
-  lmtpunix cmd="lmtpd -C $c/imapd.conf" listen="$c/socket/lmtp" prefork=0
-}
-EVENTS {
-}
-EOF
-printf '%s' "$mdp" | saslpasswd2 -p -c -f "$c/sasldb2" -u vorane-demo cyrus
-chown -R cyrus:mail "$c"
-chmod 755 "$c"
-# Its own session and process group, so that the clean-up can reach its
-# services too.
-setsid "$MASTER" -C "$c/imapd.conf" -M "$c/cyrus.conf" -p "$c/master.pid" -L "$c/master.log" \
-  </dev/null >"$c/master.out" 2>&1 &
-pid_master=$!
-for _ in $(seq 100); do
-  [ -S "$c/socket/lmtp" ] && break
-  kill -0 "$pid_master" 2>/dev/null || echec "le master Cyrus s'est arrete" "$c/master.out" "$c/master.log"
-  sleep 0.1
-done
-[ -S "$c/socket/lmtp" ] || echec "pas de socket LMTP" "$c/master.out" "$c/master.log"
-# Mailboxes, over IMAP as the administrator.
-"$PYTHON" - "$port_imap" "$mdp" alice bob <<'EOF' || echec "creation des boites impossible" "$c/master.log"
-import imaplib, sys, time
-port, mdp, boites = int(sys.argv[1]), sys.argv[2], sys.argv[3:]
-for _ in range(100):
-    try:
-        m = imaplib.IMAP4("127.0.0.1", port)
-        break
-    except OSError:
-        time.sleep(0.1)
-else:
-    sys.exit("imapd ne repond pas")
-m.login("cyrus", mdp)
-for b in boites:
-    typ, rep = m.create("user." + b)
-    if typ != "OK":
-        sys.exit("CREATE user.%s: %s" % (b, rep))
-m.logout()
-EOF
-socket_lmtp=$c/socket/lmtp
+"${SERVEURS[@]}" cyrus "$tmp/cyrus" --boite alice --boite bob >"$tmp/cyrus.env" ||
+  echec "Cyrus ne demarre pas"
+socket_lmtp=$(valeur "$tmp/cyrus.env" SOCKET)
 echo "lmtpd sur $socket_lmtp, boites user.alice et user.bob"
 echo "(nouveau@vorane.example est LMTP dans l'annuaire mais n'a pas encore de boite)"
 
@@ -261,11 +132,9 @@ else
   utilisateur=$(id -un)
 fi
 
-# Number of stored messages of a mailbox.
-nb_messages() {
-  local d
-  d=$("$MBPATH" -C "$c/imapd.conf" "user.$1" 2>/dev/null) || { echo 0; return; }
-  find "$d" -maxdepth 1 -name '[0-9]*.' | wc -l
+# Files of the stored messages of a mailbox, oldest first.
+messages() {
+  "${SERVEURS[@]}" messages "$tmp/cyrus" "$1"
 }
 
 # Meaning of an exit status for Postfix.
@@ -292,7 +161,7 @@ exemple() {
   echo "--- message (entree standard), tel que Postfix le passe:"
   iconv -f ISO-8859-1 -t UTF-8 "$message" | sed 's/^/    /'
   declare -A avant
-  for b in alice bob; do avant[$b]=$(nb_messages "$b"); done
+  for b in alice bob; do avant[$b]=$(messages "$b" | wc -l); done
   echo "--- commande (utilisateur $utilisateur):"
   echo "    $prog -r $socket_lmtp -l 127.0.0.1:$port_ldap -e $emetteur -d $* < message-$n.txt"
   local statut=0
@@ -306,17 +175,13 @@ exemple() {
   echo "--- arrivee:"
   local rien=1
   for b in alice bob; do
-    local apres
-    apres=$(nb_messages "$b")
-    if [ "$apres" -gt "${avant[$b]}" ]; then
+    local fichiers f
+    mapfile -t fichiers < <(messages "$b")
+    for f in "${fichiers[@]:${avant[$b]}}"; do
       rien=0
-      local d premier=$((${avant[$b]} + 1))
-      d=$("$MBPATH" -C "$c/imapd.conf" "user.$b")
-      for ((k = premier; k <= apres; k++)); do
-        echo "    boite user.$b, fichier $d/$k. :"
-        tr -d '\r' <"$d/$k." | sed 's/^/      | /'
-      done
-    fi
+      echo "    boite user.$b, fichier $f :"
+      tr -d '\r' <"$f" | sed 's/^/      | /'
+    done
   done
   [ "$rien" = 0 ] || echo "    rien n'a ete depose dans les boites"
 }

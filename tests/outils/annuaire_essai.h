@@ -1,16 +1,17 @@
 // annuaire_essai.h - directory servers for the tests.
 //
-// DemarreAnnuaire starts Debian's slapd as a plain child process from a
-// fresh temporary directory: listening only on ldap://127.0.0.1:<free port>,
-// loaded with the core, cosine and inetorgperson schemas and the project's
-// schema/vorane.schema, suffix dc=vorane,dc=example (the base entry is
-// added by the fixture) with defaultsearchbase set so that searches from the
+// DemarreAnnuaire starts Debian's slapd through scripts/serveurs.sh
+// ("annuaire"): listening only on ldap://127.0.0.1:<free port>, with the
+// core, cosine and inetorgperson schemas and the project's
+// schema/vorane.schema, suffix dc=vorane,dc=example (the base entry is added
+// by the fixture) with defaultsearchbase set so that searches from the
 // empty base work, read access for everyone, and the given LDIF entries
-// loaded offline with slapadd.  ArreteAnnuaire stops it and removes the
-// directory.  The child dies with the test process.
+// loaded offline.  ArreteAnnuaire stops it and removes its directory.  The
+// server dies with the test process.
 //
 // DemarreServeurMuet stands in for a directory host that never answers:
-//   ModeMuet::Accepte     accepts TCP connections, reads, never writes;
+//   ModeMuet::Accepte     TCP connections are established (and what the
+//                         client writes is taken), nothing is ever written;
 //   ModeMuet::FilePleine  a listening socket whose accept queue is full, so
 //                         that a new connection is never established (the
 //                         connect itself hangs).
@@ -22,24 +23,29 @@
 constexpr const char *SUFFIXE_ANNUAIRE_ESSAI = "dc=vorane,dc=example";
 
 struct OptionsAnnuaire {
-    bool b_RefuseAnonyme = false;  // "disallow bind_anon": every anonymous bind refused
+    bool b_RefuseAnonyme = false;  // every anonymous bind refused
+    // When set, the entry ou=renvoi,<suffix> is a referral to this URL
+    // (e.g. another fixture's s_Url + suffix): subtree searches return a
+    // reference to it.
+    std::string s_Renvoi;
 };
 
 struct AnnuaireEssai {
-    std::string s_Repertoire;  // temporary directory (config, database, log)
+    std::string s_Repertoire;  // the server's directory (configuration, database, log)
     int i_Port = 0;
     pid_t i_Pid = 0;
     std::string s_Hote;    // "127.0.0.1:<port>", as -l takes it
+    std::string s_Url;     // "ldap://127.0.0.1:<port>/"
     std::string s_Erreur;  // why the start failed
 };
 
 // Starts slapd with the entries; false (and s_Erreur) when it cannot.
 bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
                      const OptionsAnnuaire &st_Options = {});
-// Stops slapd (SIGTERM, waits) and removes its directory; harmless twice.
+// Stops slapd and removes its directory; harmless twice.
 void ArreteAnnuaire(AnnuaireEssai *pst);
-// Freezes / thaws the running slapd (SIGSTOP / SIGCONT): a server that has
-// accepted the session and then stops answering.
+// Freezes / thaws the running slapd (returns once every thread is stopped):
+// a server that has accepted the session and then stops answering.
 void SuspendAnnuaire(const AnnuaireEssai &st);
 void ReprendAnnuaire(const AnnuaireEssai &st);
 
@@ -51,8 +57,7 @@ enum class ModeMuet { Accepte, FilePleine };
 
 struct ServeurMuet {
     int i_Port = 0;
-    pid_t i_Pid = 0;     // accepting child (ModeMuet::Accepte)
-    int i_Ecoute = -1;   // listening socket (ModeMuet::FilePleine)
+    int i_Ecoute = -1;   // listening socket, never accepted from
     int i_Bouchon = -1;  // connection that fills the queue
     std::string s_Hote;  // "127.0.0.1:<port>"
 };

@@ -1,14 +1,11 @@
 // cyrus_essai.h - a real Cyrus mail store for the tests.
 //
-// DemarreCyrus starts Debian's Cyrus master (/usr/lib/cyrus/bin/master, in
-// the foreground) as root from a fresh temporary directory that holds its
-// own imapd.conf, cyrus.conf, configuration directory, partition, private
-// sasldb and sockets.  Two services run: lmtpd on a Unix-domain socket in
-// that directory (pre-authenticated, the socket path is what -r takes) and
-// imapd on a free 127.0.0.1 port, used only by the fixture to create
-// mailboxes and set quotas as the administrator "cyrus".  The master drops
-// to the cyrus user for its services; the directory is owned by cyrus:mail
-// and reachable (0755) so that any user can reach the LMTP socket.
+// DemarreCyrus starts Debian's Cyrus master through scripts/serveurs.sh
+// ("cyrus"), as root, from a directory of its own that holds its
+// configuration, partition, private sasldb and sockets.  Two services run:
+// lmtpd on a Unix-domain socket in that directory (pre-authenticated, the
+// socket path is what -r takes; any user can reach it) and imapd on a free
+// 127.0.0.1 port, used only to administer mailboxes as "cyrus".
 //
 // Settings worth knowing (the rest are Cyrus's defaults):
 //   - "user.alice" names alice's INBOX (dot as hierarchy separator, the
@@ -27,10 +24,8 @@
 // Stored messages are read back through Cyrus's own mbpath: the numbered
 // files "1.", "2.", ... of the mailbox's folder, in delivery order.
 //
-// ArreteCyrus sends SIGTERM to the master (it stops its services, about a
-// second), SIGKILL to its process group if it lingers, and removes the
-// directory.  The master also gets SIGTERM when the test process dies (a
-// small guardian process that stays root passes it on).
+// ArreteCyrus stops the master and its services and removes the directory;
+// the store also stops when the test process dies.
 #pragma once
 
 #include <string>
@@ -38,18 +33,18 @@
 #include <vector>
 
 struct CyrusEssai {
-    std::string s_Repertoire;  // temporary directory of the instance
+    std::string s_Repertoire;  // the store's directory
     std::string s_Conf;        // its imapd.conf
     std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
-    std::string s_MotDePasse;  // the administrator's
     int i_PortImap = 0;        // administration only
-    pid_t i_Pid = 0;           // the master's guardian (see ArreteCyrus)
+    pid_t i_Pid = 0;           // the master
     std::string s_Erreur;      // why the last operation failed
 };
 
-// Starts the store; false (and s_Erreur, with the master's own log) when it
-// cannot.  Needs root.
-bool DemarreCyrus(CyrusEssai *pst);
+// Starts the store with the mailboxes given ("alice", "alice.Spam",
+// "plein:1" for a 1 KB quota); false (and s_Erreur, with the master's own
+// log) when it cannot.  Needs root.
+bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites = {});
 // Stops the store and removes its directory; harmless twice.
 void ArreteCyrus(CyrusEssai *pst);
 
