@@ -9,6 +9,7 @@
 #include <fstream>
 #include <string>
 
+#include "annuaire_essai.h"
 #include "processus.h"
 
 namespace {
@@ -55,6 +56,24 @@ TEST(Schema, FormeCnConfigChargeeParSlapd) {
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
     EXPECT_TRUE(std::filesystem::exists(s_Rep + "/slapd.d/cn=config/cn=schema/cn={3}vorane.ldif"));
     std::filesystem::remove_all(s_Rep);
+}
+
+// The sample entries of the site documentation load under the schema (slapd
+// checks every class and attribute) and give an example of every delivery
+// kind.
+TEST(Schema, EntreesDExempleChargeesSousLeSchema) {
+    AnnuaireEssai st;
+    ASSERT_TRUE(DemarreAnnuaire(&st, LitFichier(REPERTOIRE_SOURCES "/doc/exemples.ldif")))
+        << st.s_Erreur;
+    for (const char *pc : {"LMTP", "LISTE", "LISTE-BR", "LISTE-MU", "SYMPA", "SYMPA-BOUNCE",
+                           "NULL", "ATTENTE"}) {
+        ResultatProcessus r =
+            LanceProgramme({"/usr/bin/ldapsearch", "-x", "-LLL", "-H", st.s_Url, "-b",
+                            SUFFIXE_ANNUAIRE_ESSAI, std::string("(ravokVixRemise=") + pc + ")", "1.1"});
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_NE(r.s_Sortie.find("dn: "), std::string::npos) << "no sample entry for " << pc;
+    }
+    ArreteAnnuaire(&st);
 }
 
 }  // namespace
