@@ -32,7 +32,7 @@ construit() {
   journal ninja -C "$rep"
   local n
   n=$(tail -n +"$lignes" "$VORANE_JOURNAL" | grep -c '^\[[0-9]*/[0-9]*\] ' || true)
-  echo "$rep/ : $n etapes de construction$([ "$n" != 0 ] || echo ' (tout etait a jour)'), $(find "$rep/tests" -maxdepth 1 -name 'test_*' -type f -executable | wc -l) programmes de test"
+  echo "$rep/ : $n etape(s) de construction$([ "$n" != 0 ] || echo ' (tout etait a jour)'), $(find "$rep/tests" -maxdepth 1 -name 'test_*' -type f -executable | wc -l) programmes de test"
 }
 
 # Runs the suite of one tree.  Prints ctest's summary as ctest writes it
