@@ -45,6 +45,8 @@ const std::string ENTREES =
                       "ravokVixReponse: 10~ JOKE:*@ailleurs.test TEXTE:Non\n"
                       "ravokVixReponse: 20~ TOUT:x DDEB:20000101 DFIN:20991231 FREQ:60 "
                       "TEXTE:Absent.%h\n") +
+    Boite("xpgarde", "ravokVixmailEmission: absent@vorane.example\n"
+                     "ravokVixReponse: 10~ TOUT:x FREQ:60 TEXTE:Absent.%h\n") +
     Boite("xpparti", "ravokVixReponse: 20~ TOUT:x TEXTE:jamais atteint\n"
                      "ravokVixReponse: 10~ TOUT:x DFIN:20000101 TEXTE:Parti\n") +
     Liste_("xpliste", "LISTE-MU",
@@ -88,22 +90,34 @@ public:
 };
 AnnuaireEssai Explication::sst_Annuaire;
 
-// The spool's state a run could change: names and modification times of
-// the suite's frequency files and delivery markers, and the dump files of
-// the run's process.
-std::vector<std::string> EtatSpool(int i_Pid) {
-    const std::string s_Pid = "." + std::to_string(i_Pid) + ".";
-    const std::pair<const char *, std::string> tst[] = {{"Absences", "AvisAbs..xp"},
-                                                        {"Remises", "xp"},
-                                                        {"Erreurs", "ERR.remise" + s_Pid},
-                                                        {"Erreurs", "ATT.remise" + s_Pid}};
+// The spool's state a run for these recipients could change: names and
+// modification times of their frequency files and delivery markers (tests
+// run side by side: each looks at its own recipients only).
+std::vector<std::string> EtatSpool(const Liste &v_Dest) {
     std::vector<std::string> v;
-    for (const auto &[pc_Rep, s_Prefixe] : tst)
-        for (const std::string &s : FichiersCommencantPar(SPOOL + pc_Rep, s_Prefixe)) {
+    for (const std::string &s_Dest : v_Dest) {
+        const std::string s_Uid = s_Dest.substr(0, s_Dest.find('@'));
+        for (const auto &[pc_Rep, s_Prefixe] :
+             {std::pair<const char *, std::string>{"Absences", "AvisAbs.." + s_Uid + ".."},
+              {"Remises", s_Uid}})
+            for (const std::string &s : FichiersCommencantPar(SPOOL + pc_Rep, s_Prefixe)) {
+                struct stat st = {};
+                stat(s.c_str(), &st);
+                v.push_back(s + " " + std::to_string(st.st_mtim.tv_sec) + "." +
+                            std::to_string(st.st_mtim.tv_nsec));
+            }
+    }
+    return v;
+}
+
+// Dump files of the process written since the time given.
+std::vector<std::string> DumpsDepuis(int i_Pid, time_t t_Debut) {
+    std::vector<std::string> v;
+    for (const char *pc : {"ERR", "ATT"})
+        for (const std::string &s : FichiersCommencantPar(
+                 SPOOL + "Erreurs", std::string(pc) + ".remise." + std::to_string(i_Pid) + ".")) {
             struct stat st = {};
-            stat(s.c_str(), &st);
-            v.push_back(s + " " + std::to_string(st.st_mtim.tv_sec) + "." +
-                        std::to_string(st.st_mtim.tv_nsec));
+            if (stat(s.c_str(), &st) == 0 && st.st_mtime >= t_Debut) v.push_back(s);
         }
     return v;
 }
@@ -124,12 +138,14 @@ void Frequence(const std::string &s_Uid, int i_Age) {
 std::string Explique(Explication *pt, const Liste &v_Dest, const std::string &s_Message) {
     Capture cap;
     ServeurLmtpEssai st_Lmtp({Rep("220 pret\n"), Rep("250 ok\n")}, true);
-    std::vector<std::string> v_Avant = EtatSpool(0);
+    std::vector<std::string> v_Avant = EtatSpool(v_Dest);
+    time_t t_Debut = time(nullptr);
     ResultatProcessus r = pt->Lance(v_Dest, s_Message, st_Lmtp.Designation());
     EXPECT_EQ(r.i_Statut, 1) << r.s_Erreur;
     EXPECT_TRUE(cap.Appels().empty());
     EXPECT_EQ(st_Lmtp.Recu(0), "");
-    EXPECT_EQ(EtatSpool(r.i_Pid), v_Avant);
+    EXPECT_EQ(EtatSpool(v_Dest), v_Avant);
+    EXPECT_EQ(DumpsDepuis(r.i_Pid, t_Debut), std::vector<std::string>{});
     std::string s = Stable(r.s_Sortie);
     for (std::size_t i; (i = s.find(st_Lmtp.Designation())) != std::string::npos;)
         s.replace(i, st_Lmtp.Designation().size(), "<lmtp>");
@@ -250,8 +266,8 @@ TEST_F(Explication, SortieComplete) {
 // behind, an old one keeps its date.
 TEST_F(Explication, ReponseFrequenceEtGardes) {
     const std::string F = "    Fichier de frequence " + SPOOL +
-                          "Absences/AvisAbs..xpabsent..ext@partenaire.test.txt : ";
-    const std::string DE = "    De : \"xpabsent\" <absent@vorane.example>\n";
+                          "Absences/AvisAbs..xpgarde..ext@partenaire.test.txt : ";
+    const std::string DE = "    De : \"xpgarde\" <absent@vorane.example>\n";
     const std::string ENVOI = DE + "    Gardes de la composition : aucune ne s'y oppose\n"
                               "  -> reponse automatique envoyee a <ext@partenaire.test> ; le "
                               "fichier de frequence serait mis a l'heure\n";
@@ -271,15 +287,15 @@ TEST_F(Explication, ReponseFrequenceEtGardes) {
     };
     for (const Cas &c : tst) {
         SCOPED_TRACE(c.pc_Nom);
-        Frequence("xpabsent", c.i_Age);
-        std::string s = Explique(this, {"xpabsent@vorane.example"},
+        Frequence("xpgarde", c.i_Age);
+        std::string s = Explique(this, {"xpgarde@vorane.example"},
                                  "Received: from x\nFrom: ext@partenaire.test\n" + c.s_EnPlus +
                                      "\n");
         std::size_t p = s.find(F);
         ASSERT_NE(p, std::string::npos) << s;
         EXPECT_EQ(s.substr(p, s.find("  -> LMTP") - p), c.s_Attendu);
     }
-    Frequence("xpabsent", -1);
+    Frequence("xpgarde", -1);
 }
 
 // Without a message on standard input a minimal one stands in; a directory
