@@ -69,10 +69,12 @@ def copie_arbre():
         if os.path.isdir(source):
             if os.path.isdir(cible):
                 shutil.rmtree(cible)
-            shutil.copytree(source, cible)
+            # Copies dated now: the build of an earlier run must not be
+            # taken for up to date.
+            shutil.copytree(source, cible, copy_function=shutil.copy)
         else:
             os.makedirs(COPIE, exist_ok=True)
-            shutil.copy2(source, cible)
+            shutil.copy(source, cible)
 
 
 def lance(commande, limite=1800):
