@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sasl/sasl.h>
@@ -316,12 +317,18 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
 // more than gi_DureeReessaiLdap seconds have passed; then gives the message
 // back to Postfix (level 2).  Elapsed time is taken on the monotonic clock,
 // in whole seconds, so that a change of the system clock neither cuts the
-// window short nor stretches it.
+// window short nor stretches it.  The explain form makes one attempt: it
+// says at once that the directory cannot be reached.
 LDAP *ldapConnect(const char *pc_Hotes) {
     const auto t_Debut = std::chrono::steady_clock::now();
     for (;;) {
         LDAP *ld = _ldapConnect(pc_Hotes);
         if (ld != nullptr) return ld;
+        if (gi_Explication) {
+            printf("  (remise reelle : un essai toutes les %d s pendant %d s, puis :)\n",
+                   gi_PasReessaiLdap, gi_DureeReessaiLdap);
+            break;
+        }
         if (SecondesDepuis(t_Debut) > gi_DureeReessaiLdap) break;
         syslog(LOG_WARNING, "v1.1.0/2570: Tentative de connexion impossible sur <%s>. %s",
                pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
