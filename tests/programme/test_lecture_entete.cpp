@@ -120,22 +120,4 @@ TEST(LectureEnteteProgramme, FinAvantLaLigneVide) {
     for (const std::string &s : v_Err) unlink(s.c_str());
 }
 
-// Empty input: the warning comes before any header exists, so without a
-// dump; the header then becomes one empty line, which later reports dump.
-TEST(LectureEnteteProgramme, EntreeVide) {
-    ResultatProcessus r = LanceProgramme(Arguments("emetteur@exemple.fr"), "", 30);
-    EXPECT_EQ(r.i_Statut, 75);
-    EXPECT_EQ(r.s_Erreur.rfind(" !ERR:4, v1.1.0/1783: ", 0), 0u) << r.s_Erreur;
-    int i_Essais = 0;
-    SansEssaisAnnuaire(r.s_Erreur, &i_Essais);
-    std::vector<std::string> v_Att = Dumps("ATT", r.i_Pid);
-    ASSERT_EQ(v_Att.size(), 1u + static_cast<std::size_t>(i_Essais));  // and 3688, no From
-    EXPECT_NE(LitFichier(v_Att[0]).find("__DEBUT_ENTETE_ORIGINE__\nO>\n__FIN_ENTETE_ORIGINE__"),
-              std::string::npos);
-    std::vector<std::string> v_Err = Dumps("ERR", r.i_Pid);
-    EXPECT_EQ(v_Err.size(), 1u);
-    for (const std::string &s : v_Att) unlink(s.c_str());
-    for (const std::string &s : v_Err) unlink(s.c_str());
-}
-
 }  // namespace

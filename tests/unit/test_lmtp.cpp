@@ -18,10 +18,7 @@
 
 namespace {
 
-const std::string ENTETE_TEXTE = "From: a@b.example\nSubject: essai\n\n";
-// Its dot lines go out stuffed: the nominal dialogue checks them byte for byte.
 const std::string CORPS = "Bonjour\n.\n..x\nfin\n";
-const std::string CORPS_FIL = "Bonjour\n..\n...x\nfin\n";
 const std::string MAIL = "mail from:<emetteur@ext.example>\n";
 const std::string TETE_DEST = "Les destinataires suivants n'ont pas recu votre message:\n\n";
 const EtapeLmtp ACCUEIL = Rep("220 ok\r\n"), OK = Rep("250 ok\r\n"), GO = Rep("354 go\r\n");
@@ -199,22 +196,6 @@ TEST(Designation, FormesEtRefus) {
     ServeurLmtp st;
     EXPECT_EQ(AnalyseServeurLmtp(nullptr, &st), 0);
     EXPECT_EQ(st.i_Port, 2003);
-}
-
-// Any wrong byte of the dialogue over TCP or a Unix socket: command forms,
-// the suffix, the dot-stuffed data, its end, QUIT.
-TEST_F(Lmtp, DialogueNominalOctetPourOctet) {
-    for (bool b_Unix : {false, true}) {
-        ServeurLmtpEssai srv(NOMINAL, b_Unix);
-        Essai e;
-        e.pc_Suffixe = "+Spam";
-        Issue is = Tente(srv.Designation(), e);
-        EXPECT_EQ(is.r.i_Statut, 0) << is.r.s_Erreur;
-        EXPECT_EQ(is.i_Res, 0);
-        EXPECT_FALSE(is.b_Rapport);
-        EXPECT_EQ(srv.Recu(), MAIL + "rcpt to:<alice+Spam>\nDATA\n" + ENTETE_TEXTE + CORPS_FIL +
-                                  "\n.\nQUIT\n");
-    }
 }
 
 // Lines ".", "..", ".x", a 5000-byte line that begins with "." and long

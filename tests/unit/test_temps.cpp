@@ -80,14 +80,15 @@ TEST_F(Fichiers, ToucherLireEtPoserLesDates) {
     EXPECT_EQ(_exidir(s_F.c_str()), 0);
 }
 
-// The guard interrupts a read that nobody feeds, and stays out of the way
-// of one that completes.
+// The guard interrupts a read that nobody feeds (a limit of 0 seconds
+// counts as one, never as "no alarm"), and stays out of the way of one
+// that completes.
 TEST(Garde, LectureBloqueeInterrompue) {
     int t_Tube[2];
     ASSERT_EQ(pipe(t_Tube), 0);
     char c;
     auto t_Debut = std::chrono::steady_clock::now();
-    _debatt(1);
+    _debatt(0);
     ssize_t n = read(t_Tube[0], &c, 1);
     int i_Err = errno;
     errno = i_Err;
