@@ -22,8 +22,9 @@ line ('#' lines are comments):
     tests: Utilitaires|Joker
     quoi: bounded copy one byte too far
 
-"avant" must occur exactly once in the file; "tests" is a ctest regular
-expression.  Not part of CI: a full run takes about an hour.
+"avant" must occur exactly once in the file; a "¶" in "avant" or "apres"
+stands for a line end (the next line follows it with its indentation);
+"tests" is a ctest regular expression.  Not part of CI: a full run takes about an hour.
 """
 import os
 import re
@@ -52,7 +53,7 @@ def lit_liste():
                 courante = {}
                 continue
             cle, _, valeur = ligne.partition(": ")
-            courante[cle.strip()] = valeur
+            courante[cle.strip()] = valeur.replace("\u00b6", "\n")
     for f in fautes:
         for cle in ("id", "fichier", "avant", "apres", "tests", "quoi"):
             if cle not in f:
@@ -68,10 +69,12 @@ def copie_arbre():
         if os.path.isdir(source):
             if os.path.isdir(cible):
                 shutil.rmtree(cible)
-            shutil.copytree(source, cible)
+            # Copies dated now: the build of an earlier run must not be
+            # taken for up to date.
+            shutil.copytree(source, cible, copy_function=shutil.copy)
         else:
             os.makedirs(COPIE, exist_ok=True)
-            shutil.copy2(source, cible)
+            shutil.copy(source, cible)
 
 
 def lance(commande, limite=1800):

@@ -20,3 +20,4 @@ int gi_EmetteurZeldor = 0;
 int gi_EmetteurZeldorBoite = 0;
 
 volatile sig_atomic_t gi_PidCommandeEnCours = 0;
+int gi_Explication = 0;

@@ -66,6 +66,12 @@ extern int gi_EmetteurZeldorBoite;              // sender entry is a mailbox
 // time budget is spent; set by whoever starts such a command.
 extern volatile sig_atomic_t gi_PidCommandeEnCours;
 
+// Set for the whole process by the explain form (--explique): nothing is
+// delivered, sent or written.  Read only where a step would act on its own
+// account: the reporting (no dump file, no notice, no delivery status) and
+// the directory connection (one attempt, no retry loop).
+extern int gi_Explication;
+
 // ---------------------------------------------------------------------------
 // Deployment values of this build.
 // ---------------------------------------------------------------------------

@@ -15,6 +15,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <sasl/sasl.h>
@@ -318,6 +319,8 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
 // in whole seconds, so that a change of the system clock neither cuts the
 // window short nor stretches it.  The warnings of the failed attempts
 // share one dump file: an outage would otherwise leave one per attempt.
+// The explain form makes one attempt: it says at once that the directory
+// cannot be reached.
 LDAP *ldapConnect(const char *pc_Hotes) {
     const auto t_Debut = std::chrono::steady_clock::now();
     OuvreSerieAvertissements();
@@ -326,6 +329,11 @@ LDAP *ldapConnect(const char *pc_Hotes) {
         if (ld != nullptr) {
             FermeSerieAvertissements();
             return ld;
+        }
+        if (gi_Explication) {
+            printf("  (remise reelle : un essai toutes les %d s pendant %d s, puis :)\n",
+                   gi_PasReessaiLdap, gi_DureeReessaiLdap);
+            break;
         }
         if (SecondesDepuis(t_Debut) > gi_DureeReessaiLdap) break;
         syslog(LOG_WARNING, "v1.1.0/2570: Tentative de connexion impossible sur <%s>. %s",

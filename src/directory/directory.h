@@ -9,8 +9,9 @@
 //
 // Operations
 //   ldapConnect(hosts)        bound session; retries every gi_PasReessaiLdap s
-//                             for gi_DureeReessaiLdap s, then level 2 (2576).
-//                             Never returns null.
+//                             for gi_DureeReessaiLdap s, then level 2 (2576);
+//                             one attempt in the explain form.  Never
+//                             returns null.
 //   _ldapConnect(hosts)       one attempt: session or null (levels 4 below).
 //   ldapClose(&ld)            unbinds a non-null session; ld becomes null.
 //   RecupUneEntreeLdap(ld, filter, attributes, table)

@@ -21,6 +21,10 @@
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
 // ATTENTE, 4398 and 4411 list expansion (information); 4386 4450 4467
 // allocation (level 2).  Submissions report their own failures.
+// The decisions the explain form shares with the loop are apart: the
+// delivery-kind table (TypeDeRemise), the lookup with its reports
+// (LitDestinataire), the uid of an LMTP recipient (UidLmtp), the unsupported
+// kinds' reports, a list's addresses and Reply-To, the first To address.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,11 +42,7 @@
 
 namespace {
 
-// Delivery kinds and how their value is recognised, in the order tested.
-enum class TypeRemise {
-    Lmtp, Liste, ListeMu, ListeInconnue, Sympa, SympaBounce, Null, Attente, Inconnu,
-    Refuse  // refused by a restriction: nothing is delivered
-};
+// How a delivery kind's value is recognised, in the order tested.
 enum class Comparaison { Prefixe, Exacte };
 struct RegleRemise {
     const char *pc_Valeur;
@@ -61,17 +61,6 @@ const RegleRemise st_Remises[] = {
     {"ATTENTE", Comparaison::Exacte, TypeRemise::Attente},
 };
 
-// The kind named by a ravokVixRemise value.
-TypeRemise TypeDeRemise(const char *pc_Valeur) {
-    for (const RegleRemise &st : st_Remises) {
-        bool b = st.e_Comparaison == Comparaison::Prefixe
-                     ? strncasecmp(pc_Valeur, st.pc_Valeur, strlen(st.pc_Valeur)) == 0
-                     : strcasecmp(pc_Valeur, st.pc_Valeur) == 0;
-        if (b) return st.e_Type;
-    }
-    return TypeRemise::Inconnu;
-}
-
 // The body: still on standard input, or loaded into the working list
 // behind the header once a list or Sympa delivery of a run with several
 // recipients needed it (it is read from standard input once).
@@ -87,6 +76,89 @@ void ChargeCorps() {
     if (gi_nbDestLcmd <= 1 || sb_CorpsCharge) return;
     LitMessage(gpet_EnteteMess, stdin);
     sb_CorpsCharge = true;
+}
+
+}  // namespace
+
+// The kind named by a ravokVixRemise value.
+TypeRemise TypeDeRemise(const char *pc_Valeur) {
+    for (const RegleRemise &st : st_Remises) {
+        bool b = st.e_Comparaison == Comparaison::Prefixe
+                     ? strncasecmp(pc_Valeur, st.pc_Valeur, strlen(st.pc_Valeur)) == 0
+                     : strcasecmp(pc_Valeur, st.pc_Valeur) == 0;
+        if (b) return st.e_Type;
+    }
+    return TypeRemise::Inconnu;
+}
+
+// Looks the recipient in hand up (its values into the table, which has
+// NB_ATTR_LDAP_DEST + 1 null slots) and returns its delivery kind's value,
+// the main-server flag following the entry; null when it cannot be
+// delivered: reported at level -3 (4196 4198 4205).
+const char *LitDestinataire(const OptionsRemise *pst_Options, char ***ttpc_Valeurs) {
+    char pc_Filtre[TAILLE_FILTRE];
+    if (ConstruitFiltreLdap(pc_Filtre, sizeof pc_Filtre, "mail", gpc_RcptTo) != 0) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4196: Destinataire <%s> trop long pour un filtre annuaire. %s",
+                         gpc_RcptTo, gPc_InfoMessEnCours);
+        return nullptr;
+    }
+    if (RecupUneEntreeLdap(gld, pc_Filtre, gtpc_AttrLdapDest, ttpc_Valeurs) == 0) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4198: Destinataire <%s> non trouve dans l'annuaire. %s",
+                         gpc_RcptTo, gPc_InfoMessEnCours);
+        return nullptr;
+    }
+    const char *pc_Remise = pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixRemise", 0);
+    if (pc_Remise == nullptr) {
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. %s",
+                         gPc_InfoMessEnCours);
+        return nullptr;
+    }
+    const char *pc_Principal =
+        pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixServeurPrincipal", 0);
+    if (pst_Options->tpc_ServeursPrincipaux[0] != nullptr && pc_Principal != nullptr)
+        gi_OnEstSurServeurPrincipal =
+            EstServeurPrincipal(pst_Options->tpc_ServeursPrincipaux, pc_Principal);
+    return pc_Remise;
+}
+
+// The mailbox identifier of an LMTP recipient; null (reported at level -3,
+// 4475) when its entry has none: without it the recipient cannot be
+// delivered, a directory error rather than a cut array.
+const char *UidLmtp(char **const *ttpc_Valeurs) {
+    const char *pc_Uid = pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "uid", 0);
+    if (pc_Uid == nullptr)
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP. %s",
+                         gPc_InfoMessEnCours);
+    return pc_Uid;
+}
+
+// Reports a delivery kind that cannot be delivered (level -3): a list kind
+// not supported (4422) or any other unknown kind (4499).
+void SignaleRemiseNonSupportee(TypeRemise e_Type, const char *pc_Remise) {
+    if (e_Type == TypeRemise::ListeInconnue)
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4422: Erreur annuaire, type de liste non supporte, "
+                         "'ravokVixRemise=%s'. %s",
+                         pc_Remise, gPc_InfoMessEnCours);
+    else
+        TraitementErreur(NIVEAU_ERREUR_SUITE,
+                         "v1.1.0/4499: Erreur annuaire, type de remise non supporte, "
+                         "'ravokVixRemise=%s'. %s",
+                         pc_Remise, gPc_InfoMessEnCours);
+}
+
+// The bounce and reply addresses of a list entry, from its info values
+// "AVIS:" and "REPONSE:" (empty when absent); the bounce address defaults to
+// the envelope sender.
+void AdressesListe(char **const *ttpc_Valeurs, const char **ppc_Bounce, const char **ppc_Reponse) {
+    char **tpc_Info = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "info");
+    *ppc_Bounce = RecupValeurTableau(tpc_Info, "AVIS:");
+    *ppc_Reponse = RecupValeurTableau(tpc_Info, "REPONSE:");
+    if ((*ppc_Bounce)[0] == '\0') *ppc_Bounce = gpc_MailFrom;
 }
 
 // The list's reply address becomes the Reply-To of the working header
@@ -117,15 +189,27 @@ void PoseReplyTo(const char *pc_Reponse) {
     RattacheCorps(gpet_EnteteMess, pet_Corps);
 }
 
+// The first address of the working header's To (empty without one).
+std::string AdresseTo() {
+    char pc_Adresse[TAILLE_ADRESSE];
+    char pc_Phrase[TAILLE_PHRASE];
+    Entete *pet_Corps = DetacheCorps(gpet_EnteteMess);
+    FetchAddress(RecupValeurEntete(gpet_EnteteMess, "to:"), pc_Adresse, sizeof pc_Adresse,
+                 pc_Phrase, sizeof pc_Phrase);
+    RattacheCorps(gpet_EnteteMess, pet_Corps);
+    return pc_Adresse;
+}
+
+namespace {
+
 // A directory list: bounce and reply addresses from its info values, then
 // the message to its members, as stored or expanded without duplicates.
 // Without members nothing is sent and nothing is said.
 void RemiseListe(TypeRemise e_Type, char **const *ttpc_Valeurs) {
-    char **tpc_Info = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "info");
-    const char *pc_Bounce = RecupValeurTableau(tpc_Info, "AVIS:");
-    const char *pc_Reponse = RecupValeurTableau(tpc_Info, "REPONSE:");
+    const char *pc_Bounce;
+    const char *pc_Reponse;
+    AdressesListe(ttpc_Valeurs, &pc_Bounce, &pc_Reponse);
     ChargeCorps();
-    if (pc_Bounce[0] == '\0') pc_Bounce = gpc_MailFrom;
     if (pc_Reponse[0] != '\0') PoseReplyTo(pc_Reponse);
 
     char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
@@ -163,17 +247,6 @@ void RemiseSympa(const char *pc_Programme, const char *pc_Adresse, int i_Numero)
     free(pc_Action);
 }
 
-// The first address of the working header's To (empty without one).
-std::string AdresseTo() {
-    char pc_Adresse[TAILLE_ADRESSE];
-    char pc_Phrase[TAILLE_PHRASE];
-    Entete *pet_Corps = DetacheCorps(gpet_EnteteMess);
-    FetchAddress(RecupValeurEntete(gpet_EnteteMess, "to:"), pc_Adresse, sizeof pc_Adresse,
-                 pc_Phrase, sizeof pc_Phrase);
-    RattacheCorps(gpet_EnteteMess, pet_Corps);
-    return pc_Adresse;
-}
-
 // Recipients collected for the LMTP transaction.
 struct CollecteLmtp {
     char **tpc_Uid;
@@ -184,50 +257,18 @@ struct CollecteLmtp {
 // Handles one recipient: lookup, main-server flag, dispatch.
 void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
                         CollecteLmtp *pst_Lmtp) {
-    char pc_Filtre[TAILLE_FILTRE];
-    if (ConstruitFiltreLdap(pc_Filtre, sizeof pc_Filtre, "mail", gpc_RcptTo) != 0) {
-        TraitementErreur(NIVEAU_ERREUR_SUITE,
-                         "v1.1.0/4196: Destinataire <%s> trop long pour un filtre annuaire. %s",
-                         gpc_RcptTo, gPc_InfoMessEnCours);
-        return;
-    }
     char **ttpc_Valeurs[NB_ATTR_LDAP_DEST + 1] = {};
-    if (RecupUneEntreeLdap(gld, pc_Filtre, gtpc_AttrLdapDest, ttpc_Valeurs) == 0) {
-        TraitementErreur(NIVEAU_ERREUR_SUITE,
-                         "v1.1.0/4198: Destinataire <%s> non trouve dans l'annuaire. %s",
-                         gpc_RcptTo, gPc_InfoMessEnCours);
-        return;
-    }
-    auto Valeur = [&](const char *pc_Nom) {
-        return pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, pc_Nom, 0);
-    };
-
-    const char *pc_Remise = Valeur("ravokVixRemise");
-    if (pc_Remise == nullptr) {
-        TraitementErreur(NIVEAU_ERREUR_SUITE,
-                         "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. %s",
-                         gPc_InfoMessEnCours);
-    } else {
-        const char *pc_Principal = Valeur("ravokVixServeurPrincipal");
-        if (pst_Options->tpc_ServeursPrincipaux[0] != nullptr && pc_Principal != nullptr)
-            gi_OnEstSurServeurPrincipal =
-                EstServeurPrincipal(pst_Options->tpc_ServeursPrincipaux, pc_Principal);
-
+    const char *pc_Remise = LitDestinataire(pst_Options, ttpc_Valeurs);
+    if (pc_Remise != nullptr) {
         switch (RestrictionsEtReponse(pst_Analyse, ttpc_Valeurs) ? TypeRemise::Refuse
                                                                   : TypeDeRemise(pc_Remise)) {
         case TypeRemise::Refuse:
             break;
         case TypeRemise::Lmtp: {
-            const char *pc_Uid = Valeur("uid");
-            char *pc_Copie = pc_Uid != nullptr ? strdup(pc_Uid) : nullptr;
-            if (pc_Uid == nullptr) {
-                // Without a mailbox identifier the recipient cannot be
-                // delivered; it is a directory error, not a cut array.
-                TraitementErreur(NIVEAU_ERREUR_SUITE,
-                                 "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une "
-                                 "remise LMTP. %s",
-                                 gPc_InfoMessEnCours);
-            } else if (pc_Copie == nullptr) {
+            const char *pc_Uid = UidLmtp(ttpc_Valeurs);
+            if (pc_Uid == nullptr) break;
+            char *pc_Copie = strdup(pc_Uid);
+            if (pc_Copie == nullptr) {
                 TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/4476: Erreur Malloc uid. %s",
                                  gPc_InfoMessEnCours);
             } else {
@@ -238,10 +279,8 @@ void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_A
             break;
         }
         case TypeRemise::ListeInconnue:
-            TraitementErreur(NIVEAU_ERREUR_SUITE,
-                             "v1.1.0/4422: Erreur annuaire, type de liste non supporte, "
-                             "'ravokVixRemise=%s'. %s",
-                             pc_Remise, gPc_InfoMessEnCours);
+        case TypeRemise::Inconnu:
+            SignaleRemiseNonSupportee(TypeDeRemise(pc_Remise), pc_Remise);
             break;
         case TypeRemise::Null:
             syslog(LOG_INFO, "v1.1.0/4478: Remise NULL. %s", gPc_InfoMessEnCours);
@@ -258,12 +297,6 @@ void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_A
             break;
         case TypeRemise::SympaBounce:
             RemiseSympa(gpc_CmdSympaBounce, AdresseTo().c_str(), 4467);
-            break;
-        case TypeRemise::Inconnu:
-            TraitementErreur(NIVEAU_ERREUR_SUITE,
-                             "v1.1.0/4499: Erreur annuaire, type de remise non supporte, "
-                             "'ravokVixRemise=%s'. %s",
-                             pc_Remise, gPc_InfoMessEnCours);
             break;
         }
     }

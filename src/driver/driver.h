@@ -3,11 +3,17 @@
 // RemiseVorane(argc, argv) is the whole process: the "-decode" test form
 // (returns 1), the maintenance forms --version and --init (exit 1), then the
 // delivery form: options, postmaster address, main-server list, envelope
-// checks, and the delivery itself.  Every other path ends the process.
+// checks, and the delivery itself.  "--explique" followed by the delivery
+// form's arguments runs the same start-up, then explains the delivery
+// instead of making it (explication.cpp, exit 1).  Every other path ends the
+// process.
 //
 // The driver is the top floor: nothing else of the program includes this
 // header.  The process-wide values it sets live in the bottom unit socle.h.
 #pragma once
+
+#include <ctime>
+#include <string>
 
 #include "message/message.h"
 #include "socle.h"
@@ -86,6 +92,31 @@ void MajInfoMessEnCours(const char *pc_MessageId, int i_Rang);
 // spent, the command in progress is killed and the process ends with 75.
 void ArmeBudgetExecution();
 
+// Delivery kinds (ravokVixRemise, any case); Refuse: a restriction refused
+// the recipient, nothing is delivered.
+enum class TypeRemise {
+    Lmtp, Liste, ListeMu, ListeInconnue, Sympa, SympaBounce, Null, Attente, Inconnu, Refuse
+};
+// The kind named by a value: LMTP... (first four characters), LISTE,
+// LISTE-BR, LISTE-MU, other LISTE..., SYMPA, SYMPA-BOUNCE, NULL, ATTENTE.
+TypeRemise TypeDeRemise(const char *pc_Valeur);
+// Looks the recipient in hand (gpc_RcptTo) up into the value table
+// (NB_ATTR_LDAP_DEST + 1 null slots) and updates the main-server flag; the
+// delivery kind's value, or null when the recipient cannot be delivered
+// (level -3 reported: 4196 filter, 4198 not found, 4205 no kind).
+const char *LitDestinataire(const OptionsRemise *pst_Options, char ***ttpc_Valeurs);
+// The uid of an LMTP recipient, or null after the level -3 report 4475.
+const char *UidLmtp(char **const *ttpc_Valeurs);
+// Reports an unsupported kind at level -3 (4422 list kind, 4499 other).
+void SignaleRemiseNonSupportee(TypeRemise e_Type, const char *pc_Remise);
+// A list entry's bounce address (envelope sender when none) and reply
+// address (empty when none), pointing into its values.
+void AdressesListe(char **const *ttpc_Valeurs, const char **ppc_Bounce, const char **ppc_Reponse);
+// The list's reply address as the working header's Reply-To.
+void PoseReplyTo(const char *pc_Reponse);
+// The first address of the working header's To, empty without one.
+std::string AdresseTo();
+
 // Restriction and automatic reply for one recipient whose entry was read
 // (values of gtpc_AttrLdapDest); 1 when a restriction refuses it.
 int RestrictionsEtReponse(const AnalyseEmetteur *pst_Analyse, char **const *ttpc_Valeurs);
@@ -95,6 +126,24 @@ void AvisRefusLmtp(const char *pc_Rapport);
 // escaped; 0, or -1 when the name would be too long.
 int CheminFrequence(const char *pc_Uid, const char *pc_Emetteur, char *pc_Chemin,
                     std::size_t t_Taille);
+// Where the automatic reply's frequency stands for a recipient and the
+// sender of the message in progress.
+struct EtatFrequence {
+    char Pc_Chemin[TAILLE_TEXTE];  // the frequency file
+    time_t t_Derniere;             // its modification time, -1 without one
+    bool b_Permise;                // a reply may go now
+};
+// Reads it for a frequency in minutes; 0, or -1 after warning 4360 (name
+// too long: no reply).
+int LitFrequence(const char *pc_Uid, int i_Freq, EtatFrequence *pst);
+// The automatic reply's From text: the recipient's cn and sending address.
+std::string FromReponse(const char *pc_Cn, const char *pc_Emission);
+// The restriction notice's text (ISO-8859-1) for the recipient in hand.
+void TexteRestriction(const char *pc_Cn, char *pc_Texte, std::size_t t_Taille);
+
+// The explain form, once the command line is read: what a delivery of the
+// message would do for every recipient, on standard output; exit 1.
+[[noreturn]] void Explique(OptionsRemise *pst_Options);
 
 // 1 when the main-server value names one of the listed servers (any case).
 int EstServeurPrincipal(char *const *tpc_Serveurs, const char *pc_Valeur);

@@ -10,10 +10,12 @@
 //      with status 1;
 //   4. the delivery form: at least four arguments, options -r -c -s -l -p -m
 //      -e (any case, the next argument is the value, a later one overrides)
-//      and -d (every remaining argument is a recipient);
+//      and -d (every remaining argument is a recipient); the same arguments
+//      after a first "--explique" (any case) make the explain form, read by
+//      the same steps, which neither arms the run's budget nor logs;
 //   5. postmaster address, main-server list (at most 20 names), envelope
 //      checks and lower-casing, first description of the message, directory
-//      host list.
+//      host list; then the delivery, or its explanation (exit 1).
 // Messages: 3566 3598 3600 3608 3615 3624 3625 (level 2), 3627 3632 (level 3).
 // Addresses are at most 255 characters (TAILLE_ADRESSE - 1).
 #include "driver/driver.h"
@@ -239,8 +241,20 @@ int RemiseVorane(int argc, char **argv) {
     // 3. Maintenance forms.
     FormesMaintenance(argc, argv);
 
-    // 4. Delivery form, within the run's time budget.
-    ArmeBudgetExecution();
+    // 4. Delivery form, within the run's time budget.  The explain form
+    //    takes the same arguments after its word (the walk starts after
+    //    it); it acts on nothing, so no budget has to hand the message back
+    //    to Postfix, and it keeps the system log clear of its reports (the
+    //    program never logs at LOG_EMERG).
+    bool b_Explique = argc >= 2 && strcasecmp(argv[1], "--explique") == 0;
+    if (b_Explique) {
+        gi_Explication = 1;
+        setlogmask(LOG_MASK(LOG_EMERG));
+        argc--;
+        argv++;
+    } else {
+        ArmeBudgetExecution();
+    }
     OptionsRemise st_Options;
     AnalyseOptions(argc, argv, &st_Options);
 
@@ -255,5 +269,6 @@ int RemiseVorane(int argc, char **argv) {
     for (char *pc = st_Options.pc_HotesLdap; *pc != '\0'; pc++)
         if (*pc == ',') *pc = ' ';
 
+    if (b_Explique) Explique(&st_Options);
     Remise(&st_Options);
 }

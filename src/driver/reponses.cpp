@@ -24,6 +24,9 @@
 // longer than a file name may be (255 bytes) cannot be kept: no reply then
 // (warning 4360), so that a sender is never answered at every message.
 // The file is opened without following a link planted in the directory.
+// LitFrequence (the file, its date, whether a reply may go now) and
+// TexteRestriction are shared with the explain form, which reads the file
+// and never touches it.
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -79,16 +82,6 @@ time_t DateFrequence(const char *pc_Chemin) {
     return st.st_mtime;
 }
 
-// The reply's From: the recipient's name quoted, as UTF-8 encoded words,
-// and its sending address on a continuation line.
-std::string FromReponse(const char *pc_Cn, const char *pc_Emission) {
-    char pc_Guillemets[TAILLE_TEXTE];
-    snprintf(pc_Guillemets, sizeof pc_Guillemets, "\"%s\"", pc_Cn != nullptr ? pc_Cn : "");
-    char pc_Encode[TAILLE_TEXTE];
-    EncodeQP(pc_Guillemets, "UTF-8", pc_Encode, static_cast<int>(sizeof pc_Encode));
-    return std::string(pc_Encode) + "\n\t<" + (pc_Emission != nullptr ? pc_Emission : "") + ">";
-}
-
 // The automatic reply for one recipient, when due and allowed.
 void ReponseAutomatique(const AnalyseEmetteur *pst_Analyse, char **const *ttpc_Valeurs) {
     auto Valeur = [&](const char *pc_Nom) {
@@ -102,28 +95,59 @@ void ReponseAutomatique(const AnalyseEmetteur *pst_Analyse, char **const *ttpc_V
         return;
 
     // The frequency file of this recipient and sender.
-    const char *pc_Cle = strstr(gpc_MailFrom, ".-.");
-    pc_Cle = pc_Cle != nullptr ? pc_Cle + 3 : gpc_MailFrom;
-    char pc_Chemin[TAILLE_TEXTE];
-    if (CheminFrequence(Valeur("uid"), pc_Cle, pc_Chemin, sizeof pc_Chemin) != 0) {
-        TraitementErreur(NIVEAU_AVERTISSEMENT,
-                         "v1.1.0/4360: Nom de fichier de frequence trop long, pas de reponse "
-                         "automatique. %s",
-                         gPc_InfoMessEnCours);
-        return;
-    }
-    time_t t_Derniere = DateFrequence(pc_Chemin);
-    if (t_Derniere >= 0 &&
-        static_cast<long long>(time(nullptr)) - t_Derniere <= static_cast<long long>(i_Freq) * 60)
+    EtatFrequence st_Frequence;
+    if (LitFrequence(Valeur("uid"), i_Freq, &st_Frequence) != 0 || !st_Frequence.b_Permise)
         return;
 
     std::string s_From = FromReponse(Valeur("cn"), Valeur("ravokVixmailEmission"));
     if (EnvoiReponse(gpet_EnteteMess, "", s_From.c_str(), pc_MiseEnFormeMess(pc_Texte),
                      PC_LIBELLE_REPONSE, "UTF-8", Valeur("uid")))
-        _touchfic(pc_Chemin);
+        _touchfic(st_Frequence.Pc_Chemin);
 }
 
 }  // namespace
+
+// The reply's From: the recipient's name quoted, as UTF-8 encoded words,
+// and its sending address on a continuation line.
+std::string FromReponse(const char *pc_Cn, const char *pc_Emission) {
+    char pc_Guillemets[TAILLE_TEXTE];
+    snprintf(pc_Guillemets, sizeof pc_Guillemets, "\"%s\"", pc_Cn != nullptr ? pc_Cn : "");
+    char pc_Encode[TAILLE_TEXTE];
+    EncodeQP(pc_Guillemets, "UTF-8", pc_Encode, static_cast<int>(sizeof pc_Encode));
+    return std::string(pc_Encode) + "\n\t<" + (pc_Emission != nullptr ? pc_Emission : "") + ">";
+}
+
+// The frequency file of a recipient and the envelope sender (or what
+// follows its first ".-."), its date and whether a reply of the given
+// frequency (minutes) may go now: an absent file always lets it go.  A
+// name too long to be kept is a warning (4360) and -1: no reply.
+int LitFrequence(const char *pc_Uid, int i_Freq, EtatFrequence *pst) {
+    const char *pc_Cle = strstr(gpc_MailFrom, ".-.");
+    pc_Cle = pc_Cle != nullptr ? pc_Cle + 3 : gpc_MailFrom;
+    pst->t_Derniere = -1;
+    pst->b_Permise = false;
+    if (CheminFrequence(pc_Uid, pc_Cle, pst->Pc_Chemin, sizeof pst->Pc_Chemin) != 0) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/4360: Nom de fichier de frequence trop long, pas de reponse "
+                         "automatique. %s",
+                         gPc_InfoMessEnCours);
+        return -1;
+    }
+    pst->t_Derniere = DateFrequence(pst->Pc_Chemin);
+    pst->b_Permise = pst->t_Derniere < 0 || static_cast<long long>(time(nullptr)) - pst->t_Derniere >
+                                                static_cast<long long>(i_Freq) * 60;
+    return 0;
+}
+
+// The restriction notice's text for the recipient in hand: ISO-8859-1, the
+// cn converted from UTF-8 (a missing one empty), cut to its buffer like
+// every text of a notice.
+void TexteRestriction(const char *pc_Cn, char *pc_Texte, std::size_t t_Taille) {
+    char pc_Converti[TAILLE_TEXTE];
+    conv_jc(pc_Cn != nullptr ? pc_Cn : "", "UTF-8", pc_Converti, "ISO-8859-1", sizeof pc_Converti);
+    if (snprintf(pc_Texte, t_Taille, PC_TEXTE_RESTRICTION, pc_Converti, gpc_RcptTo) < 0)
+        pc_Texte[0] = '\0';
+}
 
 // The frequency file path of a recipient's uid and a sender; 0, or -1
 // (path emptied) when the name would be too long.
@@ -151,13 +175,8 @@ int RestrictionsEtReponse(const AnalyseEmetteur *pst_Analyse, char **const *ttpc
     if (RestrictionDeRemise(pst_Analyse->Pc_Adresse,
                             tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs,
                                             "ravokVixRestrictions"))) {
-        char pc_Cn[TAILLE_TEXTE];
-        conv_jc(Valeur("cn") != nullptr ? Valeur("cn") : "", "UTF-8", pc_Cn, "ISO-8859-1",
-                sizeof pc_Cn);
         char pc_Texte[TAILLE_TEXTE];
-        // The text is cut to its buffer, like every text of a notice.
-        if (snprintf(pc_Texte, sizeof pc_Texte, PC_TEXTE_RESTRICTION, pc_Cn, gpc_RcptTo) < 0)
-            pc_Texte[0] = '\0';
+        TexteRestriction(Valeur("cn"), pc_Texte, sizeof pc_Texte);
         // No uid (a list entry, say): the notice goes without a Message-Id.
         if (gi_OnEstSurServeurPrincipal)
             EnvoiReponse(gpet_EnteteMess, "", gpc_AdPostmaster, pc_Texte, PC_LIBELLE_RESTRICTION,

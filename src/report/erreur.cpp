@@ -20,6 +20,10 @@
 // Between OuvreSerieAvertissements and FermeSerieAvertissements (a retry
 // loop that repeats its warnings) only the first warning writes a dump:
 // the log and standard error still get every one.
+// In the explain form (gi_Explication) a report is only said, on standard
+// output, with what a delivery would make of it: no log line, no dump file,
+// no notice, no delivery status.  Levels after which a delivery goes on
+// return; the others end the explanation with the maintenance status (1).
 #include "report/report.h"
 
 #include <cerrno>
@@ -134,6 +138,32 @@ void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
     if (i_Niveau > NIVEAU_ERREUR && sb_SerieOuverte) sb_DumpSerieEcrit = true;
 }
 
+// The explain form's account of a report: the message, then what a
+// delivery would do after it.  Returns only when a delivery would go on.
+void ExpliqueSignalement(int i_Niveau, bool b_Poursuite, const char *pc_Message) {
+    printf("  ! signalement de niveau %d : %s\n", b_Poursuite ? -i_Niveau : i_Niveau, pc_Message);
+    const char *pc_Suite = b_Poursuite ? ", puis la remise continue" : ", statut 0";
+    if (i_Niveau <= NIVEAU_CRITIQUE) {
+        printf("    -> remise reelle : arret, statut 75 (Postfix garde le message et le "
+               "representera)\n");
+    } else if (i_Niveau == NIVEAU_ERREUR) {
+        if (gi_OnEstSurServeurPrincipal && gpet_EnteteMess != nullptr && gpc_MailFrom != nullptr)
+            printf("    -> remise reelle : avis \"Non remis (incident)\" a l'expediteur%s\n",
+                   pc_Suite);
+        else if (!gi_OnEstSurServeurPrincipal)
+            printf("    -> remise reelle : pas d'avis (pas le serveur principal)%s\n", pc_Suite);
+        else
+            printf("    -> remise reelle : statut 65 (Postfix renvoie le message a "
+                   "l'expediteur avec ce texte)\n");
+    } else {
+        printf("    -> avertissement, la remise continue\n");
+    }
+    if (i_Niveau <= NIVEAU_CRITIQUE || (i_Niveau == NIVEAU_ERREUR && !b_Poursuite)) {
+        printf("Fin de l'explication : la remise s'arreterait ici.\n");
+        FinProcessus(STATUT_MAINTENANCE);
+    }
+}
+
 }  // namespace
 
 // Starts a series of repeated warnings: they share one dump file.
@@ -162,6 +192,12 @@ void TraitementErreur(int i_Niveau, const char *pc_Format, ...) {
     va_end(ap);
     if (i_Res < 0) pc_Alloue = nullptr;
     const char *pc_Message = pc_Alloue != nullptr ? pc_Alloue : pc_Format;
+
+    if (gi_Explication) {
+        ExpliqueSignalement(i_Niveau < 0 ? -i_Niveau : i_Niveau, i_Niveau < 0, pc_Message);
+        free(pc_Alloue);
+        return;
+    }
 
     // 2. Standard error, with the level as given.
     fprintf(stderr, " !ERR:%d, %s\n", i_Niveau, pc_Message);

@@ -19,6 +19,11 @@
 // The notice is composed and submitted by the reply composition of the
 // rules, which sits above this unit: the driver hands it over at start in
 // gpf_EnvoiReponse (no notice while it is null).
+//
+// In the explain form (gi_Explication) a report is only said on standard
+// output with what a delivery would make of it; no log line, dump file,
+// notice or delivery status.  Levels 4 and -3 return; the others end the
+// process with STATUT_MAINTENANCE.
 #pragma once
 
 #include "socle.h"

@@ -21,10 +21,15 @@
 // search.  A filter that would pass its 4096-byte buffer is refused (level
 // 3), never cut.  The connection's alias dereferencing is set to "always"
 // for the search and restored afterwards.
+//
+// The explain form sets gpf_TraceRegle: each evaluator then tells it what
+// it made of every line read, with the line as written (copied before the
+// parsing cuts it; nothing is copied otherwise).
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <string>
 #include <strings.h>
 #include <syslog.h>
 
@@ -33,6 +38,8 @@
 #include "report/report.h"
 #include "rules/rules.h"
 #include "socle.h"
+
+FonctionTraceRegle gpf_TraceRegle = nullptr;
 
 namespace {
 
@@ -109,14 +116,15 @@ struct LigneRegle {
     char *pc_Parametre;
 };
 
-// Checks and parses one line in place; false for a malformed line (logged).
-bool AnalyseLigne(char *pc_Ligne, const pcre2_code *pst_Syntaxe, const GenreLignes &st_Genre,
-                  LigneRegle *pst) {
+// Checks and parses one line in place; the syntax match result, negative
+// for a malformed line (logged).
+int AnalyseLigne(char *pc_Ligne, const pcre2_code *pst_Syntaxe, const GenreLignes &st_Genre,
+                 LigneRegle *pst) {
     int i_Res = pst_Syntaxe != nullptr ? CorrespondMotif(pst_Syntaxe, pc_Ligne) : -1;
     if (i_Res < 0) {
         syslog(LOG_WARNING, "v1.1.0/%d: anomalie de format %s <%s>, cr=%d. %s",
                st_Genre.i_MsgFormat, st_Genre.pc_NomFormat, pc_Ligne, i_Res, gPc_InfoMessEnCours);
-        return false;
+        return i_Res;
     }
     // The syntax guarantees the blank, the colon and the sign.
     char *pc_Type = strchr(pc_Ligne, ' ') + 1;
@@ -131,7 +139,7 @@ bool AnalyseLigne(char *pc_Ligne, const pcre2_code *pst_Syntaxe, const GenreLign
             pst->e_Type = st.e_Type;
             break;
         }
-    return true;
+    return i_Res;
 }
 
 // The PCRE test on one address.
@@ -139,11 +147,16 @@ bool CorrespondPcre(const pcre2_code *pst_Motif, const char *pc_Adresse) {
     return CorrespondMotif(pst_Motif, pc_Adresse) >= 0;
 }
 
-// Evaluates the test of a parsed line.
-bool EvalueTest(const LigneRegle &st_Ligne, const Adresses &st_Adr, const GenreLignes &st_Genre) {
+// Attempts of an address test: 0 false, 1 true on the From address (or a
+// test without address), 2 true only on the envelope sender.
+int Tentatives(bool b_Premiere, bool b_Seconde) { return b_Premiere ? 1 : b_Seconde ? 2 : 0; }
+
+// Evaluates the test of a parsed line: 0 when false, else the attempt that
+// made it true (see Tentatives).
+int EvalueTest(const LigneRegle &st_Ligne, const Adresses &st_Adr, const GenreLignes &st_Genre) {
     const char *pc_Adresse = st_Adr.Pc_Emetteur;
     switch (st_Ligne.e_Type) {
-    case TypeTest::Tout: return true;
+    case TypeTest::Tout: return 1;
     case TypeTest::Rain:
     case TypeTest::Zeld: return gi_EmetteurZeldor != 0;
     case TypeTest::Raex: return gi_EmetteurZeldor == 0;
@@ -151,27 +164,28 @@ bool EvalueTest(const LigneRegle &st_Ligne, const Adresses &st_Adr, const GenreL
     case TypeTest::Zelx: return gi_EmetteurZeldor != 0 && gi_EmetteurZeldorBoite == 0;
     case TypeTest::Joke:
         _minu(st_Ligne.pc_Parametre);
-        return _expjok(st_Ligne.pc_Parametre, pc_Adresse) != 0 ||
-               (st_Adr.b_Differe && _expjok(st_Ligne.pc_Parametre, gpc_MailFrom) != 0);
+        return Tentatives(_expjok(st_Ligne.pc_Parametre, pc_Adresse) != 0,
+                          st_Adr.b_Differe && _expjok(st_Ligne.pc_Parametre, gpc_MailFrom) != 0);
     case TypeTest::Pcre: {
         pcre2_code *pst_Motif =
             CompileMotif(st_Ligne.pc_Parametre, st_Genre.i_MsgPcre, "restriction de remise ");
-        if (pst_Motif == nullptr) return false;
-        bool b = CorrespondPcre(pst_Motif, pc_Adresse) ||
-                 (st_Adr.b_Differe && CorrespondPcre(pst_Motif, gpc_MailFrom));
+        if (pst_Motif == nullptr) return 0;
+        int i = Tentatives(CorrespondPcre(pst_Motif, pc_Adresse),
+                           st_Adr.b_Differe && CorrespondPcre(pst_Motif, gpc_MailFrom));
         pcre2_code_free(pst_Motif);
-        return b;
+        return i;
     }
     case TypeTest::Ldap: {
         const char *pc_Premiere = pc_Adresse;
         if (st_Genre.b_ReductionLdap && _expjok(PC_JOKER_REDUCTION, pc_Adresse))
             pc_Premiere = strstr(pc_Adresse, PC_REDUCTION) + strlen(PC_REDUCTION);
-        return TestRestrLDAP(st_Ligne.pc_Parametre, pc_Premiere) > 0 ||
-               (st_Adr.b_Differe && TestRestrLDAP(st_Ligne.pc_Parametre, gpc_MailFrom) > 0);
+        return Tentatives(
+            TestRestrLDAP(st_Ligne.pc_Parametre, pc_Premiere) > 0,
+            st_Adr.b_Differe && TestRestrLDAP(st_Ligne.pc_Parametre, gpc_MailFrom) > 0);
     }
     case TypeTest::Inconnu: break;
     }
-    return false;
+    return 0;
 }
 
 // Reads an option's number: blanks and a sign, digits up to the first
@@ -226,6 +240,26 @@ int DateDuJour() {
 
 // The empty text the reply text starts from.
 char sPc_Vide[] = "";
+
+// What an evaluator made of one line, for the explain form: the line as
+// written is kept before the parsing cuts it, and only when traced.
+struct TemoinLigne {
+    std::string s_Ligne;
+    TraceRegle st{};
+    TemoinLigne(const char *pc_Ligne, bool b_Reponse) {
+        if (gpf_TraceRegle == nullptr) return;
+        s_Ligne = pc_Ligne;
+        st.b_Reponse = b_Reponse;
+        st.c_Signe = b_Reponse ? '~' : ' ';
+    }
+    // Hands the verdict to the trace.
+    void Dit(VerdictLigne e_Verdict) {
+        if (gpf_TraceRegle == nullptr) return;
+        st.pc_Ligne = s_Ligne.c_str();
+        st.e_Verdict = e_Verdict;
+        gpf_TraceRegle(&st);
+    }
+};
 
 }  // namespace
 
@@ -311,9 +345,20 @@ int RestrictionDeRemise(const char *pc_Emetteur, char **tpc_Lignes) {
 
     int i_Defaut = 0;
     for (int i = 0; tpc_Lignes[i] != nullptr; i++) {
+        TemoinLigne st_Temoin(tpc_Lignes[i], false);
         LigneRegle st_Ligne;
-        if (!AnalyseLigne(tpc_Lignes[i], pst_Syntaxe, st_Restrictions, &st_Ligne)) continue;
-        if (EvalueTest(st_Ligne, st_Adr, st_Restrictions)) return st_Ligne.c_Signe == '-' ? 1 : 0;
+        st_Temoin.st.i_Code = AnalyseLigne(tpc_Lignes[i], pst_Syntaxe, st_Restrictions, &st_Ligne);
+        if (st_Temoin.st.i_Code < 0) {
+            st_Temoin.Dit(VerdictLigne::Malformee);
+            continue;
+        }
+        st_Temoin.st.c_Signe = st_Ligne.c_Signe;
+        st_Temoin.st.i_Tentative = EvalueTest(st_Ligne, st_Adr, st_Restrictions);
+        if (st_Temoin.st.i_Tentative != 0) {
+            st_Temoin.Dit(VerdictLigne::Vraie);
+            return st_Ligne.c_Signe == '-' ? 1 : 0;
+        }
+        st_Temoin.Dit(VerdictLigne::Fausse);
         if (st_Ligne.c_Signe == '+') i_Defaut = 1;
     }
     return i_Defaut;
@@ -331,7 +376,12 @@ int DetReponseAuto(const char *pc_Emetteur, char **tpc_Lignes, char **ppc_Texte,
     // senders known to the directory; "#" disables it.
     if (tpc_Lignes[0] != nullptr && !_expjok(PC_JOKER_LIGNE_REPONSE, tpc_Lignes[0]) &&
         tpc_Lignes[1] == nullptr) {
-        if (tpc_Lignes[0][0] == '#') return 0;
+        TemoinLigne st_Temoin(tpc_Lignes[0], true);
+        if (tpc_Lignes[0][0] == '#') {
+            st_Temoin.Dit(VerdictLigne::Desactivee);
+            return 0;
+        }
+        st_Temoin.Dit(VerdictLigne::TexteSimple);
         if (gi_EmetteurZeldor) *ppc_Texte = tpc_Lignes[0];
         return (*ppc_Texte)[0] != '\0' ? 1 : 0;
     }
@@ -340,19 +390,37 @@ int DetReponseAuto(const char *pc_Emetteur, char **tpc_Lignes, char **ppc_Texte,
     const pcre2_code *pst_Syntaxe = MotifReponses();
     int i_Resultat = 0;
     for (int i = 0; tpc_Lignes[i] != nullptr; i++) {
-        if (tpc_Lignes[i][0] == '#') continue;
+        TemoinLigne st_Temoin(tpc_Lignes[i], true);
+        if (tpc_Lignes[i][0] == '#') {
+            st_Temoin.Dit(VerdictLigne::Desactivee);
+            continue;
+        }
         OptionsReponse st_Options;
         LigneRegle st_Ligne;
-        if (!AnalyseLigne(tpc_Lignes[i], pst_Syntaxe, st_Reponses, &st_Ligne)) continue;
+        st_Temoin.st.i_Code = AnalyseLigne(tpc_Lignes[i], pst_Syntaxe, st_Reponses, &st_Ligne);
+        if (st_Temoin.st.i_Code < 0) {
+            st_Temoin.Dit(VerdictLigne::Malformee);
+            continue;
+        }
         LitOptions(st_Ligne.pc_Parametre, &st_Options, ppc_Texte, pi_Freq);
-        if (!EvalueTest(st_Ligne, st_Adr, st_Reponses)) continue;
+        st_Temoin.st.i_Debut = st_Options.i_Debut;
+        st_Temoin.st.i_Fin = st_Options.i_Fin;
+        st_Temoin.st.i_Suivant = st_Options.i_Suivant;
+        st_Temoin.st.i_Tentative = EvalueTest(st_Ligne, st_Adr, st_Reponses);
+        if (st_Temoin.st.i_Tentative == 0) {
+            st_Temoin.Dit(VerdictLigne::Fausse);
+            continue;
+        }
         // The test is true: the line decides within its dates; outside them
         // it stops the search unless it lets the next lines try.
         int i_Jour = DateDuJour();
+        st_Temoin.st.i_Jour = i_Jour;
         if (i_Jour < st_Options.i_Debut || i_Jour > st_Options.i_Fin) {
+            st_Temoin.Dit(VerdictLigne::HorsDates);
             if (st_Options.i_Suivant == 0) break;
             continue;
         }
+        st_Temoin.Dit(VerdictLigne::Vraie);
         i_Resultat = 1;
         break;
     }

@@ -9,7 +9,9 @@
 // (2711 equal, 2716 joker); an Auto-Submitted value other than "no..."
 // (2725); a List-* or X-List-* header (2735); Precedence bulk, list or junk
 // (2751); an empty body (silently); a spam flag (2773); an X-Loop line of
-// this program (2793).  The reply is then: the Delivered-To, Received and
+// this program (2793).  GardeReponse is those guards alone, without log
+// lines, so that the explain form can ask them without sending anything.
+// The reply is then: the Delivered-To, Received and
 // X-Loop lines of the header being answered (shared, not copied; none at
 // all is a level-3 report, 2816), Message-Id, Auto-Submitted,
 // Precedence, X-Loop, Subject (label and the decoded subject, encoded in
@@ -101,58 +103,50 @@ void AjouteLigne(Entete **ppet_Curseur, const char *pc_Format, ...) {
     ChargeLigne(ppet_Curseur, pc_Ligne, 0);
 }
 
-// The guards, in their order; 0 when the reply is to be suppressed.
+// The guards, in their order, with the log line of the one that stops the
+// reply; 0 when the reply is to be suppressed.
 int ReponsePermise(Entete *pet_Entete, const char *pc_Corps, const char *pc_Jeton) {
-    if (!gi_OnEstSurServeurPrincipal) {
+    const char *pc_Detail = "";
+    switch (GardeReponse(pet_Entete, pc_Corps, &pc_Detail)) {
+    case GARDE_AUCUNE:
+        return 1;
+    case 2699:
         syslog(LOG_WARNING, "v1.1.0/2699: Pas de reponse si pas serveur principal. %s",
                gPc_InfoMessEnCours);
-        return 0;
-    }
-    const char *pc_Emetteur = gpc_MailFrom != nullptr ? gpc_MailFrom : "";
-    for (const char *pc_Entree : tpc_SansReponse) {
-        if (strcasecmp(pc_Emetteur, pc_Entree) == 0) {
-            syslog(LOG_WARNING, "v1.1.0/2711: Pas de reponse a un emetteur <%s>. %s", pc_Entree,
-                   gPc_InfoMessEnCours);
-            return 0;
-        }
-        if (pc_Entree[0] != '\0' && _expjok(pc_Entree, pc_Emetteur)) {
-            syslog(LOG_WARNING, "v1.1.0/2716: Pas de reponse a un emetteur <%s>. %s", pc_Entree,
-                   gPc_InfoMessEnCours);
-            return 0;
-        }
-    }
-    const char *pc_Auto = RecupValeurEntete(pet_Entete, "Auto-Submitted:");
-    if (!LigneEnteteVide(pc_Auto) && strncasecmp(pc_Auto, "no", 2) != 0) {
+        break;
+    case 2711:
+        syslog(LOG_WARNING, "v1.1.0/2711: Pas de reponse a un emetteur <%s>. %s", pc_Detail,
+               gPc_InfoMessEnCours);
+        break;
+    case 2716:
+        syslog(LOG_WARNING, "v1.1.0/2716: Pas de reponse a un emetteur <%s>. %s", pc_Detail,
+               gPc_InfoMessEnCours);
+        break;
+    case 2725:
         syslog(LOG_WARNING, "v1.1.0/2725: Pas de reponse a un message <Auto-Submitted: != no> ... %s",
                gPc_InfoMessEnCours);
-        return 0;
-    }
-    if (RecupEntete(pet_Entete, "list-") != nullptr || RecupEntete(pet_Entete, "X-list-") != nullptr) {
+        break;
+    case 2735:
         syslog(LOG_WARNING, "v1.1.0/2735: Pas de reponse a un message de liste. %s",
                gPc_InfoMessEnCours);
-        return 0;
-    }
-    const char *pc_Precedence = RecupValeurEntete(pet_Entete, "Precedence:");
-    if (!LigneEnteteVide(pc_Precedence))
-        for (const char *pc_Mot : tpc_Precedences)
-            if (strncasecmp(pc_Precedence, pc_Mot, strlen(pc_Mot)) == 0) {
-                syslog(LOG_WARNING, "v1.1.0/2751: Pas de reponse a un message <Precedence: %s>. %s",
-                       pc_Mot, gPc_InfoMessEnCours);
-                return 0;
-            }
-    if (pc_Corps == nullptr || pc_Corps[0] == '\0') return 0;
-    if (strncasecmp(RecupValeurEntete(pet_Entete, "X-Spam-Flag:"), "yes", 3) == 0) {
+        break;
+    case 2751:
+        syslog(LOG_WARNING, "v1.1.0/2751: Pas de reponse a un message <Precedence: %s>. %s",
+               pc_Detail, gPc_InfoMessEnCours);
+        break;
+    case 2773:
         syslog(LOG_WARNING, "v1.1.0/2773: Pas de reponse a un message marque comme SPAM, %s. %s",
                pc_Jeton, gPc_InfoMessEnCours);
-        return 0;
-    }
-    if (RecupLigneEntete(pet_Entete, "X-Loop: REMISE-VORANE,") != nullptr) {
+        break;
+    case 2793:
         syslog(LOG_WARNING,
                "v1.1.0/2793: Pas de reponse a un message deja reponse de remise-vorane, %s. %s",
                pc_Jeton, gPc_InfoMessEnCours);
-        return 0;
+        break;
+    default:  // an empty body: no reply, silently
+        break;
     }
-    return 1;
+    return 0;
 }
 
 // The reply's Subject: the label, " : " and the decoded subject, encoded.
@@ -172,6 +166,44 @@ void LigneSujet(Entete **ppet_Curseur, Entete *pet_Entete, const char *pc_Libell
 }
 
 }  // namespace
+
+// The first guard that stops a reply to the header (the header alone, its
+// body detached); see rules.h.
+int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Detail) {
+    *ppc_Detail = "";
+    if (!gi_OnEstSurServeurPrincipal) return 2699;
+    const char *pc_Emetteur = gpc_MailFrom != nullptr ? gpc_MailFrom : "";
+    for (const char *pc_Entree : tpc_SansReponse) {
+        *ppc_Detail = pc_Entree;
+        if (strcasecmp(pc_Emetteur, pc_Entree) == 0) return 2711;
+        if (pc_Entree[0] != '\0' && _expjok(pc_Entree, pc_Emetteur)) return 2716;
+    }
+    *ppc_Detail = "";
+    const char *pc_Auto = RecupValeurEntete(pet_Entete, "Auto-Submitted:");
+    if (!LigneEnteteVide(pc_Auto) && strncasecmp(pc_Auto, "no", 2) != 0) return 2725;
+    if (RecupEntete(pet_Entete, "list-") != nullptr || RecupEntete(pet_Entete, "X-list-") != nullptr)
+        return 2735;
+    const char *pc_Precedence = RecupValeurEntete(pet_Entete, "Precedence:");
+    if (!LigneEnteteVide(pc_Precedence))
+        for (const char *pc_Mot : tpc_Precedences)
+            if (strncasecmp(pc_Precedence, pc_Mot, strlen(pc_Mot)) == 0) {
+                *ppc_Detail = pc_Mot;
+                return 2751;
+            }
+    if (pc_Corps == nullptr || pc_Corps[0] == '\0') return GARDE_CORPS_VIDE;
+    if (strncasecmp(RecupValeurEntete(pet_Entete, "X-Spam-Flag:"), "yes", 3) == 0) return 2773;
+    if (RecupLigneEntete(pet_Entete, "X-Loop: REMISE-VORANE,") != nullptr) return 2793;
+    return GARDE_AUCUNE;
+}
+
+// True when the header holds a line the reply carries over (without one the
+// composition is refused, 2816).
+bool EnteteRepondable(Entete *pet_Entete) {
+    for (Entete *pet = pet_Entete; pet != nullptr; pet = pet->pet_Suivant)
+        for (const char *pc_Nom : tpc_LignesReprises)
+            if (strncasecmp(pet->pc_Ligne, pc_Nom, strlen(pc_Nom)) == 0) return true;
+    return false;
+}
 
 // The label as a token: ASCII letters kept, everything else "_".
 void JetonLibelle(const char *pc_Libelle, char *pc_Jeton) {

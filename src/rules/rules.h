@@ -28,7 +28,9 @@
 //   TestRestrLDAP(parameter, address)  entries found by "[base//]template",
 //       every "%s" of the template replaced by the address escaped for filter
 //       syntax; 0 when the search fails (warning 2968).
-// Both evaluators sort and change the lines in place.
+// Both evaluators sort and change the lines in place.  When gpf_TraceRegle
+// is set (the explain form), both call it once for every line they read,
+// in the order read, with the line as written and what they made of it.
 // Level 3: 3005 3161 (syntax patterns), 3097 3281 (PCRE parameters),
 // 2944 2951 (directory filter longer than its 4096-byte buffer).
 //
@@ -39,6 +41,13 @@
 //       handed over, 0 when a guard suppressed it (2699 2711 2716 2725 2735
 //       2751 2773 2793 at LOG_WARNING; an empty body silently).  Level 3:
 //       2816 (the header has no Delivered-To, Received or X-Loop line).
+//   GardeReponse(header, body, &detail)  the guards alone, asked without
+//       sending or logging: GARDE_AUCUNE, the number of the line a
+//       suppressed reply logs, or GARDE_CORPS_VIDE (suppressed silently);
+//       detail: the no-reply sender entry (2711 2716) or the Precedence
+//       word (2751).  The header is taken alone (detach its body first).
+//   EnteteRepondable(header)  true when it holds a Delivered-To, Received or
+//       X-Loop line, without which composing a reply is refused (2816).
 //   pc_MiseEnFormeMess(text)  the text with its first "%h" replaced by the
 //       incoming header (10240-byte buffer, valid until the next call);
 //       level 2: 2653.
@@ -74,12 +83,37 @@ int DetReponseAuto(const char *pc_Emetteur, char **tpc_Lignes, char **ppc_Texte,
 int TestRestrLDAP(const char *pc_Parametre, const char *pc_Adresse);
 constexpr int FREQ_REPONSE_DEFAUT = 720;  // minutes
 
+// What an evaluator made of one line.
+enum class VerdictLigne {
+    Malformee,    // not of the line syntax: skipped (i_Code: the match result)
+    Desactivee,   // a reply line beginning with "#": skipped
+    Fausse,       // its test is false: the next line is read
+    Vraie,        // its test is true (and, for a reply line, today is within its dates): it decides
+    HorsDates,    // reply line: true, but today is outside its dates (i_Suivant: go on)
+    TexteSimple,  // the single plain reply value, for senders found in the directory
+};
+struct TraceRegle {
+    const char *pc_Ligne;   // the line as written
+    bool b_Reponse;         // a reply line (else a restriction line)
+    VerdictLigne e_Verdict;
+    char c_Signe;           // "+", "-" or "~"
+    int i_Code;             // Malformee: the syntax match result
+    int i_Tentative;        // a true test: 1 on the From address (or a flag), 2 on the envelope sender
+    int i_Debut, i_Fin, i_Suivant, i_Jour;  // reply lines: DDEB, DFIN, DSVT, today (once tested)
+};
+using FonctionTraceRegle = void (*)(const TraceRegle *);
+extern FonctionTraceRegle gpf_TraceRegle;  // null outside the explain form
+
 // Replies and notices.
 constexpr std::size_t TAILLE_JETON = 64;
 int EnvoiReponse(Entete *pet_Entete, const char *pc_EmetteurEnv, const char *pc_From,
                  const char *pc_Corps, const char *pc_Libelle, const char *pc_Charset,
                  const char *pc_PrefixeMsgId);
 char *pc_MiseEnFormeMess(char *pc_Texte);
+constexpr int GARDE_AUCUNE = 0;
+constexpr int GARDE_CORPS_VIDE = -1;
+int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Detail);
+bool EnteteRepondable(Entete *pet_Entete);
 void JetonLibelle(const char *pc_Libelle, char *pc_Jeton);
 
 // Origin zone.

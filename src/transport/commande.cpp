@@ -257,6 +257,74 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
                      i_Niveau == NIVEAU_CRITIQUE ? PC_ACTION_REESSAI : PC_ACTION_REFUS);
 }
 
+namespace {
+
+// One batch of a submission: the command text as logged, the argument
+// vector run, and the number of entries it took.
+struct LotEnvoi {
+    char Pc_Commande[TAILLE_COMMANDE];
+    std::vector<char *> v_Argv;
+    int i_Pris = 0;
+};
+
+// Cuts the next batch from entry *pi of the sorted recipients and moves *pi
+// past it: at most MAX_DEST_LOT entries whose command text fits; an address
+// that could never fit is refused (1952) and skipped.  False when no batch
+// is left.
+bool LotSuivant(char **tpc_Destinataires, int *pi, const char *pc_De, LotEnvoi *pst) {
+    if (tpc_Destinataires[*pi] == nullptr) return false;
+    char *Pc_Commande = pst->Pc_Commande;
+
+    // 2.1. The fixed part: what is logged, and the argument vector run.
+    int i_Fixe = snprintf(Pc_Commande, TAILLE_COMMANDE, "exec %s -i -f \"%s\" -- ",
+                          gpc_CmdSendmail, pc_De);
+    if (i_Fixe < 0 || static_cast<std::size_t>(i_Fixe) >= TAILLE_COMMANDE)
+        TraitementErreur(NIVEAU_ERREUR,
+                         "v1.1.0/1951: EnvoiMessage, adresse d'emission trop longue pour la "
+                         "commande (%zu caracteres). %s",
+                         strlen(pc_De), gPc_InfoMessEnCours);
+    std::size_t t_Long = static_cast<std::size_t>(i_Fixe);
+    pst->v_Argv = {const_cast<char *>(gpc_CmdSendmail), const_cast<char *>("-i"),
+                   const_cast<char *>("-f"), const_cast<char *>(pc_De), const_cast<char *>("--")};
+
+    // 2.2. At most MAX_DEST_LOT entries that fit the command text.
+    int i_Pris = 0;
+    while (tpc_Destinataires[*pi] != nullptr && i_Pris < MAX_DEST_LOT) {
+        char *pc_Adresse = tpc_Destinataires[*pi];
+        if (pc_Adresse[0] == '\0') {
+            ++*pi;
+            i_Pris++;
+            continue;
+        }
+        std::size_t t_Ajout = strlen(pc_Adresse) + 3;  // space and two quotes
+        if (static_cast<std::size_t>(i_Fixe) + t_Ajout + 1 > TAILLE_COMMANDE) {
+            // It could never join a batch: refuse it and go on.
+            TraitementErreur(NIVEAU_ERREUR_SUITE,
+                             "v1.1.0/1952: EnvoiMessage, adresse trop longue pour la commande, "
+                             "destinataire refuse (%zu caracteres) <%.200s...>. %s",
+                             strlen(pc_Adresse), pc_Adresse, gPc_InfoMessEnCours);
+            ++*pi;
+            continue;
+        }
+        if (t_Long + t_Ajout + 1 > TAILLE_COMMANDE) break;
+        Pc_Commande[t_Long] = ' ';
+        Pc_Commande[t_Long + 1] = '"';
+        memcpy(Pc_Commande + t_Long + 2, pc_Adresse, t_Ajout - 3);
+        Pc_Commande[t_Long + t_Ajout - 1] = '"';
+        Pc_Commande[t_Long + t_Ajout] = '\0';
+        t_Long += t_Ajout;
+        pst->v_Argv.push_back(pc_Adresse);
+        ++*pi;
+        i_Pris++;
+    }
+    pst->i_Pris = i_Pris;
+    if (i_Pris == 0) return false;  // only refused addresses were left
+    pst->v_Argv.push_back(nullptr);
+    return true;
+}
+
+}  // namespace
+
 // Submits the message through sendmail, batch by batch.
 void EnvoiMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Emetteur,
                   char **tpc_Destinataires) {
@@ -266,65 +334,33 @@ void EnvoiMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Emetteur,
     // 1. Addresses of one domain stand together.
     TriDomSmtpTableau(tpc_Destinataires);
 
-    char Pc_Commande[TAILLE_COMMANDE];
+    // 2. Batch by batch (a notice sent while one is cut submits its own:
+    // each call has its batch).
+    LotEnvoi st_Lot;
     int i = 0;
-    while (tpc_Destinataires[i] != nullptr) {
-        // 2.1. The fixed part: what is logged, and the argument vector run.
-        int i_Fixe = snprintf(Pc_Commande, sizeof Pc_Commande, "exec %s -i -f \"%s\" -- ",
-                              gpc_CmdSendmail, pc_De);
-        if (i_Fixe < 0 || static_cast<std::size_t>(i_Fixe) >= sizeof Pc_Commande)
-            TraitementErreur(NIVEAU_ERREUR,
-                             "v1.1.0/1951: EnvoiMessage, adresse d'emission trop longue pour la "
-                             "commande (%zu caracteres). %s",
-                             strlen(pc_De), gPc_InfoMessEnCours);
-        std::size_t t_Long = static_cast<std::size_t>(i_Fixe);
-        std::vector<char *> v_Argv = {const_cast<char *>(gpc_CmdSendmail), const_cast<char *>("-i"),
-                                      const_cast<char *>("-f"), const_cast<char *>(pc_De),
-                                      const_cast<char *>("--")};
-
-        // 2.2. At most MAX_DEST_LOT entries that fit the command text.
-        int i_Pris = 0;
-        while (tpc_Destinataires[i] != nullptr && i_Pris < MAX_DEST_LOT) {
-            char *pc_Adresse = tpc_Destinataires[i];
-            if (pc_Adresse[0] == '\0') {
-                i++;
-                i_Pris++;
-                continue;
-            }
-            std::size_t t_Ajout = strlen(pc_Adresse) + 3;  // space and two quotes
-            if (static_cast<std::size_t>(i_Fixe) + t_Ajout + 1 > sizeof Pc_Commande) {
-                // It could never join a batch: refuse it and go on.
-                TraitementErreur(NIVEAU_ERREUR_SUITE,
-                                 "v1.1.0/1952: EnvoiMessage, adresse trop longue pour la commande, "
-                                 "destinataire refuse (%zu caracteres) <%.200s...>. %s",
-                                 strlen(pc_Adresse), pc_Adresse, gPc_InfoMessEnCours);
-                i++;
-                continue;
-            }
-            if (t_Long + t_Ajout + 1 > sizeof Pc_Commande) break;
-            Pc_Commande[t_Long] = ' ';
-            Pc_Commande[t_Long + 1] = '"';
-            memcpy(Pc_Commande + t_Long + 2, pc_Adresse, t_Ajout - 3);
-            Pc_Commande[t_Long + t_Ajout - 1] = '"';
-            Pc_Commande[t_Long + t_Ajout] = '\0';
-            t_Long += t_Ajout;
-            v_Argv.push_back(pc_Adresse);
-            i++;
-            i_Pris++;
-        }
-        if (i_Pris == 0) break;  // only refused addresses were left
-        v_Argv.push_back(nullptr);
-
+    while (LotSuivant(tpc_Destinataires, &i, pc_De, &st_Lot)) {
         // 2.3. More batches to come: the body must be sent more than once.
         if (pf_Corps != nullptr && tpc_Destinataires[i] != nullptr) {
             syslog(LOG_NOTICE,
                    "v1.1.0/1950: EnvoiMessage, depot scinde car trop de destinataire (>%d). %s",
-                   i_Pris, gPc_InfoMessEnCours);
+                   st_Lot.i_Pris, gPc_InfoMessEnCours);
             LitMessage(pet_Message, pf_Corps);
             pf_Corps = nullptr;
         }
 
         // 2.4. Run the batch.
-        DelivreMessage(pet_Message, pf_Corps, Pc_Commande, v_Argv.data(), nullptr);
+        DelivreMessage(pet_Message, pf_Corps, st_Lot.Pc_Commande, st_Lot.v_Argv.data(), nullptr);
     }
+}
+
+// The batches EnvoiMessage would run for the recipients, cut by the same
+// rule; the recipients are sorted as it sorts them.
+int CompteLotsEnvoi(const char *pc_Emetteur, char **tpc_Destinataires) {
+    if (tpc_Destinataires == nullptr) return 0;
+    const char *pc_De = pc_Emetteur != nullptr ? pc_Emetteur : "";
+    TriDomSmtpTableau(tpc_Destinataires);
+    LotEnvoi st_Lot;
+    int i = 0, i_Lots = 0;
+    while (LotSuivant(tpc_Destinataires, &i, pc_De, &st_Lot)) i_Lots++;
+    return i_Lots;
 }

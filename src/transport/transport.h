@@ -64,7 +64,8 @@
 //   exit code, nothing reported for it.
 //   EnvoiMessage(message, body, sender, recipients): sorts the recipients by
 //   domain and runs sendmail -i -f sender -- rcpt... in batches of at most
-//   MAX_DEST_LOT entries whose action text fits TAILLE_COMMANDE bytes; when a
+//   MAX_DEST_LOT entries whose action text fits TAILLE_COMMANDE bytes (the
+//   explain form counts them with CompteLotsEnvoi, same cut); when a
 //   further batch is needed and a body stream is given, the body is loaded
 //   into the message once, before the first batch.  An address too long to
 //   fit a command on its own is refused (level -3, 1952) and skipped.
@@ -163,3 +164,6 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
 // Submits the message to the recipients through sendmail, in batches.
 void EnvoiMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Emetteur,
                   char **tpc_Destinataires);
+// Number of batches EnvoiMessage would run for the recipients (sorted in
+// place as it sorts them); nothing is run.
+int CompteLotsEnvoi(const char *pc_Emetteur, char **tpc_Destinataires);

@@ -56,6 +56,11 @@ INSTANTIATE_TEST_SUITE_P(
         CasStatut{"sans_argument", {}, 75, LIGNE_USAGE, ""},
         CasStatut{"trois_arguments", {"-e", "a@b.c", "-d"}, 75, LIGNE_USAGE, ""},
         CasStatut{"decode_seul", {"-decode"}, 75, LIGNE_USAGE, ""},
+        CasStatut{"explique_sans_destinataire", {"--EXPLIQUE", "-e", "a@b.c", "-d"}, 1, "",
+                  "  ! signalement de niveau 2 : v1.1.0/3566: Erreur d'usage. Doit avoir 4 "
+                  "parametres: -e adresse-emetteur et -d adresse-destination.\n    -> remise "
+                  "reelle : arret, statut 75 (Postfix garde le message et le representera)\n"
+                  "Fin de l'explication : la remise s'arreterait ici.\n"},
         CasStatut{"decode", {"-DECODE", "Jean Dupont <jd@x.fr>"}, 1, "",
                   "\nEntree:<Jean Dupont <jd@x.fr>>\nResultat: \nJean Dupont \n<jd@x.fr>\n"},
         CasStatut{"destinataires_avant_emetteur",
