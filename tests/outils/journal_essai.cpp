@@ -94,7 +94,7 @@ std::string LignesJournal(const std::string &s_Rep) {
             // Without the marks of earlier calls.
             std::string s_Lignes;
             std::size_t q = 0;
-            for (std::size_t r; q < s.size() && (r = s.find('\n', q)) != std::string::npos; q = r + 1)
+            for (std::size_t r; (r = s.find('\n', q)) != std::string::npos; q = r + 1)
                 if (s.compare(q, 9, "-- marque") != 0) s_Lignes += s.substr(q, r + 1 - q);
             return s_Lignes;
         }
