@@ -360,7 +360,8 @@ TEST_F(Avis, SpoolInutilisable) {
         std::string s_Cause;
     };
     const Cas t_Cas[] = {
-        {{CHEMIN_REMISE_VORANE_SANS_SPOOL}, "spool-inutilisable/Erreurs/>, errno=20 (Not a directory)"},
+        {{CHEMIN_REMISE_VORANE_SANS_SPOOL},
+         "spool-inutilisable/Erreurs/>, errno=20 (Not a directory)"},
         {{"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG},
          "spool/Erreurs/>, errno=27 (File too large)"}};
     for (const Cas &c : t_Cas) {
@@ -384,8 +385,8 @@ TEST_F(Avis, SpoolInutilisable) {
                   std::vector<std::string>{});
         EXPECT_EQ(r.s_Erreur.find("3660"), std::string::npos) << r.s_Erreur;
         std::string s_Journal = LignesJournal(pc_Rep);
-        const std::string s_Ligne =
-            "remise-vorane[" + std::to_string(r.i_Pid) + "]: v1.1.0/3660: Fichier de debug impossible dans <";
+        const std::string s_Ligne = "remise-vorane[" + std::to_string(r.i_Pid) +
+                                    "]: v1.1.0/3660: Fichier de debug impossible dans <";
         std::size_t p = s_Journal.find(s_Ligne);
         ASSERT_NE(p, std::string::npos) << s_Journal;
         EXPECT_EQ(s_Journal.find(s_Ligne, p + 1), std::string::npos) << s_Journal;
