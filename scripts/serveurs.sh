@@ -42,6 +42,8 @@
 #   serveurs.sh suspend|reprend DIR   freezes (SIGSTOP, returns once every
 #                                     thread is stopped) / thaws the server's
 #                                     process group: a peer that stops answering
+#   serveurs.sh modifie DIR <ldif     ldapmodify on the running slapd as its
+#                                     administrator (changes in LDIF)
 #   serveurs.sh imap DIR COMMANDE...  IMAP commands in one administrator
 #                                     session, each must answer OK
 #   serveurs.sh messages DIR BOITE    paths of the messages stored in
@@ -695,6 +697,8 @@ case $commande in
       done
     fi
     ;;
+  modifie)
+    /usr/bin/ldapmodify -x -H "$(valeur "$rep" URL)" -D "cn=admin,$SUFFIXE" -w secret >/dev/null ;;
   imap) py "$PY_IMAP" commandes "$rep" "$(valeur "$rep" PORT_IMAP)" 0 "$@" ;;
   messages) messages "$rep" "$1" ;;
   smtp) py "$PY_SMTP" "$(valeur "$rep" PORT)" "$@" ;;

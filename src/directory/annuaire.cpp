@@ -317,13 +317,19 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
 // more than gi_DureeReessaiLdap seconds have passed; then gives the message
 // back to Postfix (level 2).  Elapsed time is taken on the monotonic clock,
 // in whole seconds, so that a change of the system clock neither cuts the
-// window short nor stretches it.  The explain form makes one attempt: it
-// says at once that the directory cannot be reached.
+// window short nor stretches it.  The warnings of the failed attempts
+// share one dump file: an outage would otherwise leave one per attempt.
+// The explain form makes one attempt: it says at once that the directory
+// cannot be reached.
 LDAP *ldapConnect(const char *pc_Hotes) {
     const auto t_Debut = std::chrono::steady_clock::now();
+    OuvreSerieAvertissements();
     for (;;) {
         LDAP *ld = _ldapConnect(pc_Hotes);
-        if (ld != nullptr) return ld;
+        if (ld != nullptr) {
+            FermeSerieAvertissements();
+            return ld;
+        }
         if (gi_Explication) {
             printf("  (remise reelle : un essai toutes les %d s pendant %d s, puis :)\n",
                    gi_PasReessaiLdap, gi_DureeReessaiLdap);
@@ -334,6 +340,7 @@ LDAP *ldapConnect(const char *pc_Hotes) {
                pc_Hotes != nullptr ? pc_Hotes : "", gPc_InfoMessEnCours);
         Patiente(gi_PasReessaiLdap);
     }
+    FermeSerieAvertissements();
     TraitementErreur(
         NIVEAU_CRITIQUE,
         "v1.1.0/2576: Erreur connection LDAP sur <%s>. %s. Possibilite de depots repetes",

@@ -6,7 +6,8 @@
 //   2. system log (identity remise-vorane, pid, console, facility mail) and
 //      file-creation mask 027;
 //   3. exactly one "--" argument: --version prints the version line, --init
-//      creates the spool directories; both end with status 1;
+//      creates the spool directories (root 0755, the three 0777); both end
+//      with status 1;
 //   4. the delivery form: at least four arguments, options -r -c -s -l -p -m
 //      -e (any case, the next argument is the value, a later one overrides)
 //      and -d (every remaining argument is a recipient); the same arguments
@@ -70,17 +71,24 @@ int TestDecode(const char *pc_Texte) {
     return STATUT_MAINTENANCE;
 }
 
-// Creates the spool directories, open to every delivery user.  The commands
+// Creates the spool directories, open to every delivery user.  The user
+// Postfix runs the program as must also reach them through the spool root:
+// --init runs with mask 022 rather than the run's 027, so that the root and
+// any parent mkdir creates are 0755, and sets the root to 0755 again when an
+// earlier --init or a hand left it narrower (a root that only its owner can
+// enter hides the three directories, however open they are).  The commands
 // go through the shell as the maintenance procedure has always run them; the
 // spool root is a build value (checked at configure time to hold no quote),
 // never an outside one.
 [[noreturn]] void Initialise() {
     const char *const tpc_Modeles[] = {
         "mkdir -p '%sAbsences/' '%sRemises/' '%sErreurs/'",
+        "chmod 755 '%s'",
         "chmod -R 777 '%sAbsences/'",
         "chmod -R 777 '%sErreurs/'",
         "chmod -R 777 '%sRemises/'",
     };
+    umask(022);
     for (const char *pc_Modele : tpc_Modeles) {
         char pc_Commande[TAILLE_TEXTE];
         snprintf(pc_Commande, sizeof pc_Commande, pc_Modele, gpc_RacineSpool, gpc_RacineSpool,

@@ -13,8 +13,13 @@
 // permissions; the name is built in a TAILLE_TEXTE buffer and a name that
 // does not fit is not created (a cut name could land outside the spool).
 // A dump that cannot be written (spool missing or unusable, file system
-// full) is skipped silently, a partly written one removed: the report, its
-// notice and the delivery go on.
+// full) is skipped, a partly written one removed: the report, its notice and
+// the delivery go on.  The first such failure of a run is logged (3660, at
+// warning priority, never on standard error, which Postfix quotes in its
+// log and bounces); later ones are not, as each would say the same.
+// Between OuvreSerieAvertissements and FermeSerieAvertissements (a retry
+// loop that repeats its warnings) only the first warning writes a dump:
+// the log and standard error still get every one.
 // In the explain form (gi_Explication) a report is only said, on standard
 // output, with what a delivery would make of it: no log line, no dump file,
 // no notice, no delivery status.  Levels after which a delivery goes on
@@ -45,6 +50,10 @@ const ActionNiveau st_Actions[] = {
 };
 const char *const PC_ACTION_INCONNUE = "LOG_???, niveau non prevu";
 
+bool sb_DumpImpossibleSignale = false;  // 3660 already logged by this run
+bool sb_SerieOuverte = false;           // warnings of a retry loop in progress
+bool sb_DumpSerieEcrit = false;         // ... one of which has its dump
+
 // Action text of a (positive) level.
 const char *TexteAction(int i_Niveau) {
     for (const ActionNiveau &st : st_Actions)
@@ -65,29 +74,43 @@ void DumpListe(FILE *pf, const Entete *pet, const char *pc_Prefixe) {
         fprintf(pf, "%s%s", pc_Prefixe, pet->pc_Ligne != nullptr ? pet->pc_Ligne : "");
 }
 
+// Logs, once per run, that a dump file could not be written.
+void SignaleDumpImpossible(int i_Errno) {
+    if (sb_DumpImpossibleSignale) return;
+    sb_DumpImpossibleSignale = true;
+    syslog(LOG_WARNING,
+           "v1.1.0/3660: Fichier de debug impossible dans <%sErreurs/>, errno=%d (%s). %s",
+           gpc_RacineSpool, i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+}
+
 // Writes the dump file for this report into pc_Nom (TAILLE_TEXTE bytes);
 // leaves pc_Nom empty when no file was written.
 void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
     pc_Nom[0] = '\0';
     if (gpet_EnteteMessOrigine == nullptr && gpet_EnteteMess == nullptr) return;
+    if (i_Niveau > NIVEAU_ERREUR && sb_SerieOuverte && sb_DumpSerieEcrit) return;
 
     const char *pc_Type = i_Niveau <= NIVEAU_ERREUR ? "ERR" : "ATT";
     int i_Long = snprintf(pc_Nom, TAILLE_TEXTE, "%sErreurs/%s.remise.%d.XXXXXX", gpc_RacineSpool,
                           pc_Type, static_cast<int>(getpid()));
     if (i_Long < 0 || static_cast<std::size_t>(i_Long) >= TAILLE_TEXTE) {
         pc_Nom[0] = '\0';
+        SignaleDumpImpossible(ENAMETOOLONG);
         return;
     }
     int i_Fd = mkstemp(pc_Nom);
     if (i_Fd < 0) {
         pc_Nom[0] = '\0';
+        SignaleDumpImpossible(errno);
         return;
     }
     FILE *pf = fdopen(i_Fd, "w");
     if (pf == nullptr) {
+        int i_Errno = errno;
         close(i_Fd);
         unlink(pc_Nom);
         pc_Nom[0] = '\0';
+        SignaleDumpImpossible(i_Errno);
         return;
     }
     fprintf(pf, "%s\n\nAction: %s\n\n", pc_Message, TexteAction(i_Niveau));
@@ -104,10 +127,15 @@ void EcritDump(int i_Niveau, const char *pc_Message, char *pc_Nom) {
     // A dump the file system could not hold whole (full, over quota) is
     // removed rather than left cut, and no notice points at it.
     bool b_Erreur = ferror(pf) != 0;
+    errno = 0;
     if (fclose(pf) != 0 || b_Erreur) {
+        int i_Errno = errno != 0 ? errno : EIO;
         unlink(pc_Nom);
         pc_Nom[0] = '\0';
+        SignaleDumpImpossible(i_Errno);
+        return;
     }
+    if (i_Niveau > NIVEAU_ERREUR && sb_SerieOuverte) sb_DumpSerieEcrit = true;
 }
 
 // The explain form's account of a report: the message, then what a
@@ -137,6 +165,15 @@ void ExpliqueSignalement(int i_Niveau, bool b_Poursuite, const char *pc_Message)
 }
 
 }  // namespace
+
+// Starts a series of repeated warnings: they share one dump file.
+void OuvreSerieAvertissements() {
+    sb_SerieOuverte = true;
+    sb_DumpSerieEcrit = false;
+}
+
+// Ends the series; later warnings write their own dump files again.
+void FermeSerieAvertissements() { sb_SerieOuverte = sb_DumpSerieEcrit = false; }
 
 // Flushes the standard streams and ends the process with the status.
 void FinProcessus(int i_Statut) {

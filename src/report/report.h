@@ -10,7 +10,8 @@
 //   level >= 4  warning, ATT. dump, the call returns.
 // Every report writes " !ERR:%d, %s\n" to standard error, the message to the
 // system log, and, once a header exists, a dump file under the spool's
-// Erreurs/ (owner-only, unique name).
+// Erreurs/ (owner-only, unique name); the first dump of a run that cannot be
+// written is logged (3660, system log only).
 //
 // AvisIncident is the incident notice sent to the sender for level 3 and -3
 // (7.2): from the postmaster, on the main server only, once a header exists;
@@ -41,6 +42,13 @@ constexpr int NIVEAU_AVERTISSEMENT = 4;
 
 void TraitementErreur(int i_Niveau, const char *pc_Format, ...)
     __attribute__((format(printf, 2, 3)));
+
+// A retry loop whose attempts each raise a warning (the directory
+// connection during an outage) brackets them with these: the warnings of
+// the series share one dump file, the first one's; every one is still
+// logged and written on standard error.
+void OuvreSerieAvertissements();
+void FermeSerieAvertissements();
 
 // Ends the process with the given status after flushing standard streams.
 [[noreturn]] void FinProcessus(int i_Statut);

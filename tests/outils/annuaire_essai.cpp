@@ -67,6 +67,10 @@ void SuspendAnnuaire(const AnnuaireEssai &st) { Serveurs({"suspend", st.s_Repert
 
 void ReprendAnnuaire(const AnnuaireEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
 
+bool ModifieAnnuaire(const AnnuaireEssai &st, const std::string &s_Changements) {
+    return Serveurs({"modifie", st.s_Repertoire}, s_Changements).b_Ok;
+}
+
 bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode) {
     // Nothing ever accepts: the kernel completes the handshakes up to the
     // backlog by itself, so a client connects, writes and waits for an

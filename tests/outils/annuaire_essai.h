@@ -49,6 +49,11 @@ void ArreteAnnuaire(AnnuaireEssai *pst);
 void SuspendAnnuaire(const AnnuaireEssai &st);
 void ReprendAnnuaire(const AnnuaireEssai &st);
 
+// Changes entries of the running slapd (ldapmodify as its administrator,
+// LDIF change records such as "dn: ...\nchangetype: modify\nreplace: x\n
+// x: v\n"); false when the server refuses them.
+bool ModifieAnnuaire(const AnnuaireEssai &st, const std::string &s_Changements);
+
 // LDIF text of one entry under the suffix: "dn: <rdn>,<suffix>" then the
 // given lines ("attribute: value", one per line), then a blank line.
 std::string EntreeLdif(const std::string &s_Rdn, const std::string &s_Lignes);

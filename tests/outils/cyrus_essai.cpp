@@ -25,6 +25,10 @@ void ArreteCyrus(CyrusEssai *pst) {
     pst->i_Pid = 0;
 }
 
+void SuspendCyrus(const CyrusEssai &st) { Serveurs({"suspend", st.s_Repertoire}); }
+
+void ReprendCyrus(const CyrusEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
+
 bool CommandesImap(CyrusEssai *pst, const std::vector<std::string> &v_Commandes) {
     std::vector<std::string> v = {"imap", pst->s_Repertoire};
     v.insert(v.end(), v_Commandes.begin(), v_Commandes.end());

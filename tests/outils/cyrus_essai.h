@@ -48,6 +48,12 @@ bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites = {}
 // Stops the store and removes its directory; harmless twice.
 void ArreteCyrus(CyrusEssai *pst);
 
+// Freezes / thaws the running store, master and services (returns once
+// every thread is stopped): a store that accepts connections and never
+// answers.
+void SuspendCyrus(const CyrusEssai &st);
+void ReprendCyrus(const CyrusEssai &st);
+
 // Runs IMAP commands as the administrator, in one session, each expected
 // to end "OK" (e.g. "CREATE user.alice", "SETQUOTA user.bob (STORAGE 1)",
 // "SETACL user.alice.Spam anyone p" to let LMTP deliver to "alice+Spam").

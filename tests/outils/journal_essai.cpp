@@ -3,7 +3,10 @@
 #include "journal_essai.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <fcntl.h>
+#include <thread>
 #include <cstring>
 #include <dirent.h>
 #include <sched.h>
@@ -18,6 +21,8 @@
 
 namespace {
 bool sb_Prive = false;  // this process sees a private /dev
+bool sb_Garde = false;  // its reader keeps the lines in <dir>/journal
+int si_Marque = 0;      // marks sent by LignesJournal
 }  // namespace
 
 // Sets up the private logger when the host has none; see the header.
@@ -45,11 +50,56 @@ std::string JournalPrive(const std::string &s_Rep) {
     sb_Prive = true;
     if (fork() == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        int i_Garde = sb_Garde ? open((s_Rep + "/journal").c_str(),
+                                      O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600)
+                               : -1;
         static char pc[8192];
-        for (;;) recv(i_Fd, pc, sizeof pc, 0);
+        for (;;) {
+            ssize_t n = recv(i_Fd, pc, sizeof pc - 1, 0);
+            if (n <= 0 || i_Garde < 0) continue;
+            pc[n] = '\n';
+            ssize_t i_Ecrit = write(i_Garde, pc, static_cast<std::size_t>(n) + 1);
+            (void)i_Ecrit;
+        }
     }
     close(i_Fd);
     return "a private /dev/log, read and dropped (this machine has no system logger)";
+}
+
+// The same, keeping the lines when asked; see the header.
+bool JournalPrive(const std::string &s_Rep, bool b_Garde) {
+    if (access("/dev/log", F_OK) == 0) return !b_Garde;
+    sb_Garde = b_Garde;
+    JournalPrive(s_Rep);
+    sb_Garde = false;
+    return sb_Prive;
+}
+
+// Sends a mark through the logger and waits until the reader has written it:
+// datagrams are taken in order, so every line sent before is in the file.
+std::string LignesJournal(const std::string &s_Rep) {
+    const std::string s_Marque = "-- marque " + std::to_string(++si_Marque) + " --";
+    int i_Fd = socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un st = {};
+    st.sun_family = AF_UNIX;
+    strncpy(st.sun_path, "/dev/log", sizeof st.sun_path - 1);
+    sendto(i_Fd, s_Marque.data(), s_Marque.size(), 0, reinterpret_cast<sockaddr *>(&st), sizeof st);
+    close(i_Fd);
+    const std::string s_Fin = s_Marque + "\n";
+    auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        std::string s = LitFichier(s_Rep + "/journal");
+        std::size_t p = s.find(s_Fin);
+        if (p != std::string::npos || std::chrono::steady_clock::now() > t_Fin) {
+            // Without the marks of earlier calls.
+            std::string s_Lignes;
+            std::size_t q = 0;
+            for (std::size_t r; (r = s.find('\n', q)) != std::string::npos; q = r + 1)
+                if (s.compare(q, 9, "-- marque") != 0) s_Lignes += s.substr(q, r + 1 - q);
+            return s_Lignes;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
 }
 
 // Undoes the private /dev of this process's own namespace and removes its
@@ -60,6 +110,7 @@ void RetireJournalPrive(const std::string &s_Rep) {
     sb_Prive = false;
     if (umount2(s_Hote.c_str(), MNT_DETACH) != 0 && errno != ENOENT && errno != EINVAL) return;
     for (const std::string &s : FichiersCommencantPar(s_Dev, "")) unlink(s.c_str());
+    unlink((s_Rep + "/journal").c_str());
     rmdir(s_Dev.c_str());
     rmdir(s_Hote.c_str());
 }

@@ -10,9 +10,18 @@
 // afterwards log there.  It returns what the runs log to, for a report.
 // RetireJournalPrive(dir) undoes it (nothing of the host's /dev is touched).
 // With a /dev/log present, nothing is done.
+//
+// With b_Garde the lines are kept instead of dropped (a test that checks
+// what the program logs): LignesJournal(dir) returns every line received so
+// far, one per line as the program sent it ("<priority>date ident[pid]:
+// message"), once the reader has taken everything sent before the call.
+// b_Garde needs the private logger: false when it cannot be set up, or
+// when the host has a logger of its own.
 #pragma once
 
 #include <string>
 
 std::string JournalPrive(const std::string &s_Rep);
+bool JournalPrive(const std::string &s_Rep, bool b_Garde);
+std::string LignesJournal(const std::string &s_Rep);
 void RetireJournalPrive(const std::string &s_Rep);

@@ -9,7 +9,9 @@
 // nothing leaves the machine.  Postfix logs into its own file.  The
 // configuration directory is listed in /etc/postfix/main.cf's
 // alternate_config_directories while the instance runs, so that the
-// sendmail of a command it runs (MAIL_CONFIG) reaches this instance.
+// sendmail of a command it runs (MAIL_CONFIG) reaches this instance.  In a
+// sanitizer build's test run the command gets the sanitizer options of the
+// test process (through env, reports on its standard error).
 // ArretePostfix stops it, undoes that, removes the directory; the instance
 // also stops when the test process dies.
 #pragma once
@@ -23,6 +25,7 @@ struct OptionsPostfix {
     // (several recipients of one transaction in one call).  No blank
     // inside an argument.
     std::vector<std::string> v_Pipe;
+    std::vector<std::string> v_Domaines;   // routed to the pipe (none: vorane.example)
     std::string s_Utilisateur = "nobody";  // the pipe's user
     int i_DelaiCommande = 0;  // the pipe's time limit in seconds (0: Postfix's 1000)
     long l_TailleMax = 0;     // message_size_limit in bytes (0: Postfix's 10,240,000)
@@ -58,5 +61,11 @@ std::string FilePostfix(const PostfixEssai &st);
 std::string JournalPostfix(const PostfixEssai &st);
 // Waits (at most the limit) until the log shows what became of the queued
 // message: removed (every recipient done) or deferred.  The log lines of
-// that queue id; those so far when the limit is reached.
-std::string AttendMessage(const PostfixEssai &st, const std::string &s_Id, int i_LimiteSecondes = 30);
+// that queue id; those so far when the limit is reached.  With t_Depuis,
+// only the log from that byte on counts (a message tried again).
+std::string AttendMessage(const PostfixEssai &st, const std::string &s_Id,
+                          int i_LimiteSecondes = 30, std::size_t t_Depuis = 0);
+// Waits (at most the limit) until the queue is empty, maildrop included
+// (the mail that commands run by the pipe have submitted); false when it
+// is not by then.
+bool AttendFileVide(const PostfixEssai &st, int i_LimiteSecondes = 30);

