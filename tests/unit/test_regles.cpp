@@ -164,12 +164,25 @@ TEST(Regles, MiseEnFormeMess) {
                  "Bonjour\nReceived: from rly-inet-1 ([10.1.2.3])\nSubject: s\n\nAdieu");
     std::string s_Long(5000, 'x');
     s_Long += "\n";
-    Entete st5 = {s_Long.data(), nullptr};
+    // The insert stops at the first line that no longer fits: a shorter
+    // line after it is not taken either.
+    Entete st6 = {const_cast<char *>("Subject: s\n"), nullptr};
+    Entete st5 = {s_Long.data(), &st6};
     Entete st4 = {s_Long.data(), &st5};
     gpet_EnteteMessOrigine = &st4;
     char pc_Texte2[] = "a%hb";
     EXPECT_EQ(std::string(pc_MiseEnFormeMess(pc_Texte2)), "a\n" + s_Long + "\nb");
     gpet_EnteteMessOrigine = nullptr;
+}
+
+// Off the main server no reply leaves, whichever caller asks: the guard
+// comes before any look at the sender or the header.
+TEST(Regles, GardeHorsServeurPrincipal) {
+    Entete st = {const_cast<char *>("Subject: s\n"), nullptr};
+    const char *pc_Detail = nullptr;
+    gi_OnEstSurServeurPrincipal = 0;
+    EXPECT_EQ(GardeReponse(&st, "", &pc_Detail), 2699);
+    gi_OnEstSurServeurPrincipal = 1;
 }
 
 // The label token names a reply's kind with ASCII letters only.
