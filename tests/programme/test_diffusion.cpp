@@ -204,7 +204,12 @@ TEST_F(Diffusion, StatutsDeLaCommande) {
         EXPECT_NE(r.s_Erreur.find("v1.1.0/1891: Erreur sur pclose <exec "), std::string::npos);
         ASSERT_EQ(cap.Appels().size(), c.t_Appels);
         if (c.t_Appels == 2) {
-            EXPECT_NE(cap.Appels()[1].s_Entree.find("Non remis (incident)"), std::string::npos);
+            // The notice quotes the command, each quoted item on its own line.
+            const std::string s_Entree = cap.Appels()[1].s_Entree;
+            const std::string s_Avis = s_Entree.substr(s_Entree.find("\n\n"));
+            EXPECT_NE(s_Entree.find("Non remis (incident)"), std::string::npos);
+            EXPECT_NE(s_Avis.find("\"\n"), std::string::npos) << s_Avis;
+            EXPECT_EQ(s_Avis.find("\" "), std::string::npos) << s_Avis;
         }
     }
     Capture cap;
