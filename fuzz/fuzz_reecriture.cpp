@@ -137,6 +137,10 @@ void TraitementErreur(int i_Niveau, const char *, ...) {
 
 void FinProcessus(int) { throw FinDuTraitement{}; }
 
+// The directory's series of repeated warnings: no dump file to share here.
+void OuvreSerieAvertissements() {}
+void FermeSerieAvertissements() {}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *pc_Donnees, std::size_t t_Taille) {
     if (t_Taille == 0) return 0;
     const std::uint8_t c_Choix = pc_Donnees[0];

@@ -64,7 +64,8 @@ def lit_liste():
 def copie_arbre():
     """A copy of the checkout's sources to mutate (the build tree apart)."""
     os.makedirs(TRAVAIL, exist_ok=True)
-    for nom in ("src", "tests", "bench", "fuzz", "schema", "scripts", "CMakeLists.txt"):
+    for nom in ("src", "tests", "bench", "fuzz", "schema", "scripts", "doc", "installation",
+                "debian", "README.md", "CMakeLists.txt"):
         source, cible = os.path.join(RACINE, nom), os.path.join(COPIE, nom)
         if os.path.isdir(source):
             if os.path.isdir(cible):
