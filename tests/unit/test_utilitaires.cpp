@@ -58,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(
         CasJoker{"etoile_devant_fin_exacte", "*.fr", "jd@x.fr", true},
         CasJoker{"etoile_devant_fin_differente", "*.fr", "jd@x.fr.com", false},
         // Classes.
-        CasJoker{"intervalle_borne_basse", "[a-c]x", "ax", true},
+        CasJoker{"intervalle", "[a-c]x", "bx", true},
         CasJoker{"hors_intervalle", "[a-c]x", "dx", false},
         CasJoker{"point_exclamation_membre", "[!a]", "!", true},
         CasJoker{"point_exclamation_membre_a", "[!a]", "a", true},
