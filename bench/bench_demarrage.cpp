@@ -45,7 +45,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "journal_essai.h"
 #include "processus.h"
 

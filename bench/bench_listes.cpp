@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "journal_essai.h"
 #include "directory/directory.h"
 #include "message/message.h"

@@ -6,13 +6,12 @@
 # it created.  Needs root (Cyrus and Postfix drop to their own users).
 #
 # Starting (DIR is created and must be absent or empty; one server per DIR):
-#   serveurs.sh annuaire DIR LDIF|- [--refuse-anonyme] [--renvoi URL] [--garde PID]
+#   serveurs.sh annuaire DIR LDIF|- [--refuse-anonyme] [--garde PID]
 #       slapd with schema/vorane.schema and the core, cosine and inetorgperson
 #       schemas; suffix dc=vorane,dc=example (its base entry is added here),
 #       defaultsearchbase, read access for all; the LDIF (a file, or standard
 #       input for "-") loaded offline.  --refuse-anonyme refuses anonymous
-#       binds; --renvoi adds the referral entry ou=renvoi,<suffix> pointing
-#       at URL, so that subtree searches return a reference to URL.
+#       binds.
 #       Prints PID PORT HOTE (127.0.0.1:port, as -l takes it) URL.
 #   serveurs.sh cyrus DIR [--boite NOM[:QUOTA]]... [--acl "BOITE QUI DROITS"]... [--garde PID]
 #       The Cyrus master: lmtpd on a Unix socket of DIR (pre-authenticated),
@@ -22,7 +21,7 @@
 #       --acl "alice.Spam anyone p" runs SETACL user.alice.Spam anyone p.
 #       Prints PID SOCKET PORT_IMAP CONF.
 #   serveurs.sh postfix DIR [--domaine D]... [--utilisateur U] [--delai-commande S]
-#                           [--taille-max OCTETS] [--garde PID] -- PROGRAMME ARG...
+#                           [--garde PID] -- PROGRAMME ARG...
 #       A private instance (configuration DIR/etc): smtpd on a loopback port,
 #       the domains (vorane.example by default) routed to the pipe service
 #       "vorane" running PROGRAMME ARG... (Postfix expands ${sender},
@@ -310,12 +309,11 @@ annonce() {
 # slapd.
 
 demarre_annuaire() {
-  local ldif=$1 anonyme="" renvoi=""
+  local ldif=$1 anonyme=""
   shift
   while [ $# -gt 0 ]; do
     case $1 in
       --refuse-anonyme) anonyme="disallow bind_anon" ;;
-      --renvoi) renvoi=$2; shift ;;
       *) echec "annuaire: option inconnue $1" ;;
     esac
     shift
@@ -343,8 +341,6 @@ access to * by * read
 EOF
   {
     printf 'dn: %s\nobjectClass: dcObject\nobjectClass: organization\ndc: vorane\no: vorane\n\n' "$SUFFIXE"
-    [ -z "$renvoi" ] || printf 'dn: ou=renvoi,%s\nobjectClass: referral\nobjectClass: extensibleObject\nou: renvoi\nref: %s\n\n' \
-      "$SUFFIXE" "$renvoi"
     if [ "$ldif" = - ]; then cat; else cat -- "$ldif"; fi
   } >"$rep/entrees.ldif"
   /usr/sbin/slapadd -q -f "$rep/slapd.conf" -l "$rep/entrees.ldif" >"$rep/slapadd.log" 2>&1 ||
@@ -529,13 +525,12 @@ messages() {
 # Postfix.
 
 demarre_postfix() {
-  local domaines=() utilisateur=nobody delai="" taille="" argv=()
+  local domaines=() utilisateur=nobody delai="" argv=()
   while [ $# -gt 0 ]; do
     case $1 in
       --domaine) domaines+=("$2"); shift ;;
       --utilisateur) utilisateur=$2; shift ;;
       --delai-commande) delai=$2; shift ;;
-      --taille-max) taille=$2; shift ;;
       --) shift; argv=("$@"); break ;;
       *) echec "postfix: option inconnue $1" ;;
     esac
@@ -579,7 +574,6 @@ default_transport = capture
 relay_transport = capture
 local_transport = capture
 mailbox_size_limit = 0
-${taille:+message_size_limit = $taille}
 ${delai:+vorane_time_limit = ${delai}s}
 EOF
   py "$PY_ALTERNATE" + "$etc"

@@ -69,13 +69,15 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
 
     auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
     std::size_t t_Ecrit = 0;
-    int i_In = t_In[1];
-    int i_InGarde = -1;  // kept open, never written, when the input must stay open
-    if (s_Entree.empty()) {
+    // The input is closed once written, or kept (never written again) for a
+    // sender that stalls.
+    int i_In = t_In[1], i_InGarde = -1;
+    auto FinEntree = [&] {
         if (b_EntreeOuverte) i_InGarde = i_In;
         else close(i_In);
         i_In = -1;
-    }
+    };
+    if (s_Entree.empty()) FinEntree();
     bool b_Out = true, b_Err = true;
     void (*p_Ancien)(int) = signal(SIGPIPE, SIG_IGN);
     while (b_Out || b_Err) {
@@ -86,26 +88,19 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
             r.b_Expire = true;
             break;
         }
-        pollfd t_P[3];
-        int n = 0;
-        int i_POut = -1, i_PErr = -1, i_PIn = -1;
-        if (b_Out) { t_P[n] = {t_Out[0], POLLIN, 0}; i_POut = n++; }
-        if (b_Err) { t_P[n] = {t_Err[0], POLLIN, 0}; i_PErr = n++; }
-        if (i_In >= 0) { t_P[n] = {i_In, POLLOUT, 0}; i_PIn = n++; }
-        int i_Res = poll(t_P, static_cast<nfds_t>(n), static_cast<int>(std::min<long>(t_Reste.count(), 1000)));
+        // poll skips the descriptors already done (negative).
+        pollfd t_P[3] = {{b_Out ? t_Out[0] : -1, POLLIN, 0}, {b_Err ? t_Err[0] : -1, POLLIN, 0},
+                         {i_In, POLLOUT, 0}};
+        int i_Res = poll(t_P, 3, static_cast<int>(std::min<long>(t_Reste.count(), 1000)));
         if (i_Res < 0 && errno != EINTR) break;
         if (i_Res <= 0) continue;
-        if (i_POut >= 0 && t_P[i_POut].revents) b_Out = LitDisponible(t_Out[0], r.s_Sortie);
-        if (i_PErr >= 0 && t_P[i_PErr].revents) b_Err = LitDisponible(t_Err[0], r.s_Erreur);
-        if (i_PIn >= 0 && t_P[i_PIn].revents) {
+        if (t_P[0].revents) b_Out = LitDisponible(t_Out[0], r.s_Sortie);
+        if (t_P[1].revents) b_Err = LitDisponible(t_Err[0], r.s_Erreur);
+        if (t_P[2].revents) {
             ssize_t w = write(i_In, s_Entree.data() + t_Ecrit, s_Entree.size() - t_Ecrit);
             if (w > 0) t_Ecrit += static_cast<std::size_t>(w);
             if (w < 0 && errno != EAGAIN && errno != EINTR) t_Ecrit = s_Entree.size();
-            if (t_Ecrit >= s_Entree.size()) {
-                if (b_EntreeOuverte) i_InGarde = i_In;
-                else close(i_In);
-                i_In = -1;
-            }
+            if (t_Ecrit >= s_Entree.size()) FinEntree();
         }
     }
     signal(SIGPIPE, p_Ancien);

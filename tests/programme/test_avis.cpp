@@ -11,7 +11,7 @@
 #include <utime.h>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "capture_essai.h"
 #include "journal_essai.h"
 #include "processus.h"

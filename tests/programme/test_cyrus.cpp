@@ -14,9 +14,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "capture_essai.h"
-#include "cyrus_essai.h"
 #include "processus.h"
 
 namespace {

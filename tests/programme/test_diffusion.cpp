@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "capture_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"

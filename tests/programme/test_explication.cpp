@@ -10,7 +10,7 @@
 #include <utime.h>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "capture_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"

@@ -23,9 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "annuaire_essai.h"
-#include "cyrus_essai.h"
-#include "postfix_essai.h"
+#include "serveurs_essai.h"
 #include "processus.h"
 
 namespace {

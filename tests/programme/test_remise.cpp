@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "adresse_unique.h"
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
 

@@ -8,7 +8,7 @@
 #include <fstream>
 #include <string>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "directory/directory.h"
 #include "enfant_essai.h"
 #include "message/message.h"

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "directory/directory.h"
 #include "enfant_essai.h"
 #include "rules/rules.h"

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include "annuaire_essai.h"
+#include "serveurs_essai.h"
 #include "processus.h"
 
 namespace {
