@@ -52,11 +52,7 @@ std::vector<char *> Pose(const Emetteur &e, Lignes &v) {
 // Restrictions: lines sorted by key, the first true one decides; with none
 // true, a well-formed "+" line refuses.
 TEST(Regles, Restrictions) {
-    struct Cas {
-        Lignes v;
-        Emetteur e;
-        int i_Attendu;
-    };
+    struct Cas { Lignes v; Emetteur e; int i_Attendu; };
     const Cas tst[] = {
         {{"10- JOKE:*@spam.example"}, SPAM, 1},
         {{"10+ ZELD:x"}, CONNU, 0},
@@ -86,13 +82,7 @@ TEST(Regles, Restrictions) {
 // Automatic replies: legacy values, dates and DSVT, carried-over texts and
 // frequencies (720 by default, at least 1), disabled and malformed lines.
 TEST(Regles, Reponses) {
-    struct Cas {
-        Lignes v;
-        Emetteur e;
-        int i_Attendu;
-        const char *pc_Texte;
-        int i_Freq;
-    };
+    struct Cas { Lignes v; Emetteur e; int i_Attendu; const char *pc_Texte; int i_Freq; };
     const std::string HIER = Jour(-1), AUJ = Jour(0);
     const Cas tst[] = {
         {{"Je suis absent"}, AUTRE, 0, "", 720},
@@ -154,23 +144,18 @@ TEST(Regles, TexteGardeEtJeton) {
 
 // The origin zone is the first zone of the table (not of the header) that a
 // Received line names, by field name in any case and a whole bracketed
-// address; a webmail line ends the search.
+// address; a webmail line (any case) ends the search.
 TEST(Regles, ZoneOrigine) {
     const std::string R_INTERNET = "Received: from mx (mx [10.0.1.77])\n", R_C7 =
                       "Received: from c7 (c7.example [10.0.17.4]) by relais\n";
     const std::pair<Lignes, int> t_Cas[] = {
-        {{"From: a@b\n", "\n"}, ZONE_AUCUNE},
         {{}, ZONE_AUCUNE},
         {{R_C7, R_INTERNET}, 0},
-        {{"RECEIVED: from x ([10.0.1.5])\n"}, 0},
         {{R_C7}, 13},
-        {{"Received: from webmail (par intranet [10.0.5.1])\n", R_C7}, 3},
-        {{"received: FROM WEBMAIL (PAR INTERNET x\n"}, 1},
-        {{"X-Origine: [10.0.1.1]\n", "Subject: [10.0.5.1]\n"}, ZONE_AUCUNE},
-        {{"Received: from x ([10.0.5.2])\n"}, ZONE_AUCUNE},
+        {{"received: FROM WEBMAIL (PAR INTRANET [10.0.5.1])\n", R_C7}, 3},
         {{"Received: from x ([10.32.31.200])\n"}, 2},
-        {{"Received: from x ([10.32.32.1])\n"}, ZONE_AUCUNE},
-        {{"Received: from 10.0.1.7 by y\n"}, ZONE_AUCUNE},
+        {{"X-Origine: [10.0.1.1]\n", "Received: from x ([10.0.5.2])\n", "Received: from x ([10.32.32.1])\n",
+          "Received: from 10.0.1.7 by y\n"}, ZONE_AUCUNE},
     };
     for (auto [v, i_Zone] : t_Cas) {
         std::vector<Entete> v_Noeuds(v.size());
