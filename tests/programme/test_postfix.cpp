@@ -43,7 +43,7 @@ const std::string ENTREES =
     EntreeLdif("uid=alice", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: alice\n"
                             "sn: a\ncn: Alice Martin\nmail: " + EMETTEUR + "\nravokVixRemise: LMTP\n") +
     Boite("bob", "Bob") + Boite("carol", "Carol") + Boite("sansboite", "Sans boite") +
-    Boite("absent", "Paul Absent", "ravokVixReponse: 10~ TOUT:x FREQ:60 TEXTE:Je suis absent.\n") +
+    Boite("absent", "Paul Absent", "ravokVixmailEmission: absent@vorane.example\nravokVixReponse: 10~ TOUT:x FREQ:60 TEXTE:Je suis absent.\n") +
     Boite("prive", "Pierre Priv\xc3\xa9", "ravokVixRestrictions: 10- TOUT:x\n") +
     EntreeLdif("cn=liste", "objectClass: ravokVixListe\ncn: liste\nmail: liste@vorane.example\n"
                            "ravokVixRemise: LISTE\nravokVixMembres: carol@vorane.example\n");
