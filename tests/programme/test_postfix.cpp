@@ -128,6 +128,11 @@ class ChainePostfix : public ::testing::Test {
         for (const std::string &b : BOITES) m_Avant[b] = MessagesStockes(sst_Cyrus, b).size();
     }
     std::string Journal() const { return JournalPostfix(sst_Postfix).substr(t_Journal); }
+    static void RemiseDeBob(const std::string &s_Remise) {
+        EXPECT_TRUE(ModifieAnnuaire(sst_Annuaire, "dn: uid=bob," + std::string(SUFFIXE_ANNUAIRE_ESSAI) +
+                                                      "\nchangetype: modify\nreplace: ravokVixRemise\n"
+                                                      "ravokVixRemise: " + s_Remise + "\n"));
+    }
 
     // Submits a message from alice (dated, so that Postfix adds no date); its queue id.
     std::string Soumet(const V &v_Dest, const std::string &s_Nom, const std::string &s_Sujet,
@@ -240,9 +245,10 @@ TEST_F(ChainePostfix, UneTransactionToutesLesSuites) {
 }
 
 // A directory or a store that stops answering (connections accepted,
-// nothing answered): the run gives the message back (75) within its own
-// limits, before the pipe's would kill it and bounce the message; Postfix
-// logs the deferral with the program's last report and keeps the message.
+// nothing answered), or an entry that says ATTENTE: the run gives the
+// message back (75) within its own limits, before the pipe's would kill it
+// and bounce the message; Postfix logs the deferral (4.3.0) with the
+// program's last report and keeps the message.
 // The run's dump files are the pipe user's, 0600: the directory attempts'
 // warnings share one, the report that ends the run has its own.  Once the
 // peer answers again a flush delivers the message, once.
@@ -261,6 +267,9 @@ TEST_F(ChainePostfix, PairFigeMessageGardeEnFile) {
          {"ATT.v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=-5 (Timed out). ", "ERR." + s_2576}},
         {"magasin", [] { SuspendCyrus(sst_Cyrus); }, [] { ReprendCyrus(sst_Cyrus); }, " !ERR:2, " + s_4549,
          {"ERR." + s_4549}},
+        // bob's entry says ATTENTE until it says LMTP again: no report, no dump.
+        {"attente", [] { RemiseDeBob("ATTENTE"); }, [] { RemiseDeBob("LMTP"); },
+         "]: message-id=<attente@dept.vorane.example>, from=<" + EMETTEUR + ">", {}},
     };
     static const std::regex r_Pid("Command output: remise-vorane\\[([0-9]+)\\]: ");
     for (const Cas &c : t_Cas) {
