@@ -6,12 +6,11 @@
 # it created.  Needs root (Cyrus and Postfix drop to their own users).
 #
 # Starting (DIR is created and must be absent or empty; one server per DIR):
-#   serveurs.sh annuaire DIR LDIF|- [--refuse-anonyme] [--garde PID]
+#   serveurs.sh annuaire DIR LDIF|- [--garde PID]
 #       slapd with schema/vorane.schema and the core, cosine and inetorgperson
 #       schemas; suffix dc=vorane,dc=example (its base entry is added here),
 #       defaultsearchbase, read access for all; the LDIF (a file, or standard
-#       input for "-") loaded offline.  --refuse-anonyme refuses anonymous
-#       binds.
+#       input for "-") loaded offline.
 #       Prints PID PORT HOTE (127.0.0.1:port, as -l takes it) URL.
 #   serveurs.sh cyrus DIR [--boite NOM[:QUOTA]]... [--acl "BOITE QUI DROITS"]... [--garde PID]
 #       The Cyrus master: lmtpd on a Unix socket of DIR (pre-authenticated),
@@ -309,15 +308,8 @@ annonce() {
 # slapd.
 
 demarre_annuaire() {
-  local ldif=$1 anonyme=""
-  shift
-  while [ $# -gt 0 ]; do
-    case $1 in
-      --refuse-anonyme) anonyme="disallow bind_anon" ;;
-      *) echec "annuaire: option inconnue $1" ;;
-    esac
-    shift
-  done
+  local ldif=$1
+  [ $# -eq 1 ] || echec "annuaire: option inconnue $2"
   mkdir "$rep/db"
   ecrit "$rep/slapd.conf" <<EOF
 include /etc/ldap/schema/core.schema
@@ -328,7 +320,6 @@ pidfile $rep/slapd.pid
 modulepath /usr/lib/ldap
 moduleload back_mdb
 defaultsearchbase $SUFFIXE
-$anonyme
 loglevel 0
 database mdb
 maxsize 104857600

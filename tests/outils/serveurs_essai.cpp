@@ -108,16 +108,12 @@ std::string EntreeLdif(const std::string &s_Rdn, const std::string &s_Lignes) {
     return s + "\n";
 }
 
-bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
-                     const OptionsAnnuaire &st_Options) {
+bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif) {
     pst->s_Repertoire = RepertoireServeur("slapd");
-    std::vector<std::string> v = {"annuaire", pst->s_Repertoire, "-"};
-    if (st_Options.b_RefuseAnonyme) v.push_back("--refuse-anonyme");
-    SortieServeurs r = Serveurs(v, s_Ldif);
+    SortieServeurs r = Serveurs({"annuaire", pst->s_Repertoire, "-"}, s_Ldif);
     pst->i_Pid = ValeurEntiere(r, "PID");
     pst->i_Port = ValeurEntiere(r, "PORT");
     pst->s_Hote = r.m_Valeurs["HOTE"];
-    pst->s_Url = r.m_Valeurs["URL"];
     pst->s_Erreur = r.s_Erreur;
     return r.b_Ok;
 }
@@ -168,7 +164,6 @@ bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites) {
     for (const std::string &s : v_Boites) v.insert(v.end(), {"--boite", s});
     SortieServeurs r = Serveurs(v);
     pst->i_Pid = ValeurEntiere(r, "PID");
-    pst->i_PortImap = ValeurEntiere(r, "PORT_IMAP");
     pst->s_Socket = r.m_Valeurs["SOCKET"];
     pst->s_Conf = r.m_Valeurs["CONF"];
     pst->s_Erreur = r.s_Erreur;

@@ -52,22 +52,16 @@ int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom);
 //                         connect itself hangs).
 constexpr const char *SUFFIXE_ANNUAIRE_ESSAI = "dc=vorane,dc=example";
 
-struct OptionsAnnuaire {
-    bool b_RefuseAnonyme = false;  // every anonymous bind refused
-};
-
 struct AnnuaireEssai {
     std::string s_Repertoire;  // the server's directory (configuration, database, log)
     int i_Port = 0;
     pid_t i_Pid = 0;
     std::string s_Hote;    // "127.0.0.1:<port>", as -l takes it
-    std::string s_Url;     // "ldap://127.0.0.1:<port>/"
     std::string s_Erreur;  // why the start failed
 };
 
 // Starts slapd with the entries; false (and s_Erreur) when it cannot.
-bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif,
-                     const OptionsAnnuaire &st_Options = {});
+bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif);
 // Stops slapd and removes its directory; harmless twice.
 void ArreteAnnuaire(AnnuaireEssai *pst);
 // Freezes / thaws the running slapd (returns once every thread is stopped):
@@ -129,7 +123,6 @@ struct CyrusEssai {
     std::string s_Repertoire;  // the store's directory
     std::string s_Conf;        // its imapd.conf
     std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
-    int i_PortImap = 0;        // administration only
     pid_t i_Pid = 0;           // the master
     std::string s_Erreur;      // why the last operation failed
 };
