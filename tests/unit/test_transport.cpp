@@ -26,6 +26,14 @@ namespace {
 using Liste = std::vector<std::string>;
 const EtapeLmtp ACCUEIL = Rep("220 ok\r\n"), OK = Rep("250 ok\r\n"), GO = Rep("354 go\r\n");
 
+// A text table of the strings (valid while they are).
+std::vector<char *> Table(const Liste &v) {
+    std::vector<char *> v_Table;
+    for (const std::string &s : v) v_Table.push_back(const_cast<char *>(s.c_str()));
+    v_Table.push_back(nullptr);
+    return v_Table;
+}
+
 // One attempt as the recipient loop makes it.
 struct Essai {
     Liste v_Boites = {"alice"}, v_Adresses = {"alice@vorane.example"};
@@ -37,12 +45,6 @@ struct Essai {
 // Runs one attempt in a child against the designation; its result, then
 // "|" and the report when there is one.
 ResultatEnfant Tente(const std::string &s_Serveur, const Essai &e) {
-    auto f_Table = [](const Liste &v) {
-        std::vector<char *> v_Table;
-        for (const std::string &s : v) v_Table.push_back(const_cast<char *>(s.c_str()));
-        v_Table.push_back(nullptr);
-        return v_Table;
-    };
     return ExecuteEnFils([&]() {
         gpc_MailFrom = const_cast<char *>("emetteur@ext.example");
         gpc_RcptTo = "-";
@@ -55,38 +57,11 @@ ResultatEnfant Tente(const std::string &s_Serveur, const Essai &e) {
         while (!e.b_Flux && fgets(pc, sizeof pc, pf) != nullptr) v_Lignes.emplace_back(pc);
         gpet_EnteteMess = ListeLignes(v_Lignes);
         char *pc_Rapport = strdup("avant");  // a report of an earlier attempt
-        int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, f_Table(e.v_Boites).data(),
-                            f_Table(e.v_Adresses).data(), "", gpet_EnteteMess, e.b_Flux ? pf : nullptr,
+        int i = Remise_LMTP(s_Serveur.c_str(), gpc_MailFrom, Table(e.v_Boites).data(),
+                            Table(e.v_Adresses).data(), "", gpet_EnteteMess, e.b_Flux ? pf : nullptr,
                             &pc_Rapport);
         return std::to_string(i) + (pc_Rapport ? "|" + std::string(pc_Rapport) : "");
     });
-}
-
-// Replies split over reads, several in one read, a continuation taken as the
-// end, and a reply over the buffer that overflows it or shifts the next one.
-TEST(AssemblageReponse, Table) {
-    const std::string LONGUE = "550-" + std::string(2000, 'x') + "\r\n550 fin\r\n";
-    Liste v_Longue;  // the long reply and the next, in 700-byte reads
-    for (std::size_t p = 0; p < LONGUE.size() + 14; p += 700)
-        v_Longue.push_back((LONGUE + "250 suivante\r\n").substr(p, 700));
-    const struct {
-        Liste v_Lectures, v_Reponses;  // complete replies, in order
-    } t[] = {
-        {{"250 a\r\n55", "0-b\r\n5", "50", " c\r\n452 4.2.2 Over quota\r\n"},
-         {"250 a\r\n", "550-b\r\n550 c\r\n", "452 4.2.2 Over quota\r\n"}},
-        {v_Longue, {LONGUE.substr(0, 1023), "250 suivante\r\n"}},
-    };
-    for (const auto &c : t) {
-        SCOPED_TRACE(c.v_Lectures[0]);
-        Liste v_Reponses;
-        AssemblageReponse st;
-        for (const std::string &s : c.v_Lectures)
-            for (std::size_t p = 0; p < s.size();) {
-                p += AssembleReponseLmtp(&st, s.data() + p, s.size() - p);
-                if (st.b_Complete) v_Reponses.emplace_back(st.Pc_Texte), st = AssemblageReponse{};
-            }
-        EXPECT_EQ(v_Reponses, c.v_Reponses);
-    }
 }
 
 // A designation read as another server: a bad port taken as another one, a
@@ -132,7 +107,9 @@ TEST(Lmtp, TransparenceDesDonnees) {
 }
 
 // Each way a dialogue can go wrong, with the result and report (one of an
-// earlier attempt is dropped over TCP, kept and added to over a Unix socket)
+// earlier attempt is dropped over TCP, kept and added to over a Unix socket;
+// a reply to the data over the buffer is cut to it, its rest not taken for
+// the next)
 // or, for "75", the end of the process for a retry, and the one line on
 // standard error.  Before the data a failure is a result for a later attempt;
 // while replies to the data are due the process ends; once every accepted
@@ -142,6 +119,7 @@ TEST(Lmtp, IssuesDuDialogue) {
     EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n"), st_NeLitPlus = GO;
     st_DeuxSurTrois.b_FermeApres = true;
     st_NeLitPlus.b_BloqueApres = true;
+    const std::string LONGUE = "250-" + std::string(2000, 'x') + "\r\n250 fin\r\n";
     const EtapeLmtp REFUS = Rep("554 5.6.0 Message contains invalid header\r\n");
     const std::string s_Fin554 = "|Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA "
                                  "est:\n\n554 5.6.0 Message contains invalid header\r\n";
@@ -157,6 +135,7 @@ TEST(Lmtp, IssuesDuDialogue) {
          "0|Message rejet\xe9, adresse SMTP d'\xe9mission <emetteur@ext.example> non valable", nullptr},
         {{ACCUEIL, Rep("550-first\r\n550 5.1.0 second\r\n")}, "1", nullptr},
         {{ACCUEIL, OK, Ferme()}, "104", nullptr},
+        {{ACCUEIL, OK, OK, OK, GO, Rep(LONGUE + "250 ok\r\n"), OK}, "0", nullptr, 2},
         {{ACCUEIL, OK, OK, st_NeLitPlus}, "75",
          "2, v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps du message, errno=110", 1, true},
         {{ACCUEIL, OK, OK, GO, Bloque()}, "75", "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=110"},
@@ -224,10 +203,7 @@ ResultatEnfant Envoi(const std::string &s_Emetteur, Liste v_Dest, FILE *pf_Corps
         gpc_MailFrom = const_cast<char *>("emetteur@ext.example");
         gi_OnEstSurServeurPrincipal = 1;
         if (b_Budget) gi_BudgetExecution = 1, ArmeBudgetExecution();
-        std::vector<char *> v;
-        for (std::string &s : v_Dest) v.push_back(s.data());
-        v.push_back(nullptr);
-        EnvoiMessage(ListeLignes(ENTETE), pf_Corps, s_Emetteur.c_str(), v.data());
+        EnvoiMessage(ListeLignes(ENTETE), pf_Corps, s_Emetteur.c_str(), Table(v_Dest).data());
         return std::string("fini");
     });
 }
