@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,7 +36,7 @@ std::vector<char *> Table(const Liste &v) {
 // One attempt as the recipient loop makes it.
 struct Essai {
     Liste v_Boites = {"alice"}, v_Adresses = {"alice@vorane.example"};
-    Liste v_Entete = {"From: a@b.example\n", "\n"};
+    Liste v_Entete = {"Return-Path: <x@y>\n", "From: a@b.example\n", "return-path: <z@y>\n", ".Bizarre: x\n", "\n"};
     std::string s_Corps = "Bonjour\n.\nfin\n";
     bool b_Flux = true;  // body as a stream, or loaded into the list in 1023-byte pieces
 };
@@ -93,7 +92,6 @@ TEST(Lmtp, TransparenceDesDonnees) {
     e.s_Corps.clear();
     for (int i = 0; i < 40; i++) e.s_Corps += s_Motif;
     e.s_Corps += ".\r\nfin sans saut de ligne";
-    e.v_Entete = {"Return-Path: <x@y>\n", "From: a@b.example\n", "return-path: <z@y>\n", ".Bizarre: x\n", "\n"};
     for (bool b_Flux : {true, false}) {
         SCOPED_TRACE(b_Flux ? "flux" : "liste");
         ServeurLmtpEssai srv({ACCUEIL, OK, OK, GO, OK, Rep("221 bye\r\n")}, false);
