@@ -12,12 +12,15 @@
 #       defaultsearchbase, read access for all; the LDIF (a file, or standard
 #       input for "-") loaded offline.
 #       Prints PID PORT HOTE (127.0.0.1:port, as -l takes it) URL.
-#   serveurs.sh cyrus DIR [--boite NOM[:QUOTA]]... [--acl "BOITE QUI DROITS"]... [--garde PID]
+#   serveurs.sh cyrus DIR [--boite NOM[:QUOTA]]... [--acl "BOITE QUI DROITS"]... [--quota-strict]
+#                         [--garde PID]
 #       The Cyrus master: lmtpd on a Unix socket of DIR (pre-authenticated),
 #       imapd on a loopback port for administration only; dot separator,
 #       standard namespace (user.alice is alice's INBOX), duplicate
 #       suppression off.  --boite creates user.NOM (quota in KB if given),
 #       --acl "alice.Spam anyone p" runs SETACL user.alice.Spam anyone p.
+#       --quota-strict makes lmtpd weigh the message itself against the
+#       quota after the data (lmtp_strict_quota), not only at the recipient.
 #       Prints PID SOCKET PORT_IMAP CONF.
 #   serveurs.sh postfix DIR [--domaine D]... [--utilisateur U] [--delai-commande S]
 #                           [--garde PID] -- PROGRAMME ARG...
@@ -421,9 +424,10 @@ commande(len(commandes) + 1, "LOGOUT")
 '
 
 demarre_cyrus() {
-  local commandes=() nom quota
+  local commandes=() nom quota strict=""
   while [ $# -gt 0 ]; do
     case $1 in
+      --quota-strict) strict="lmtp_strict_quota: 1"; shift; continue ;;
       --boite)
         nom=${2%%:*}
         commandes+=("CREATE user.$nom")
@@ -465,6 +469,7 @@ sasl_auxprop_plugin: sasldb
 sasl_sasldb_path: $rep/sasldb2
 sasl_mech_list: PLAIN
 duplicatesuppression: 0
+$strict
 EOF
   local port statut
   for _ in 1 2 3; do

@@ -158,9 +158,10 @@ void ArreteServeurMuet(ServeurMuet *pst) {
     pst->i_Bouchon = pst->i_Ecoute = -1;
 }
 
-bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites) {
+bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites, bool b_QuotaStrict) {
     pst->s_Repertoire = RepertoireServeur("cyrus");
     std::vector<std::string> v = {"cyrus", pst->s_Repertoire};
+    if (b_QuotaStrict) v.push_back("--quota-strict");
     for (const std::string &s : v_Boites) v.insert(v.end(), {"--boite", s});
     SortieServeurs r = Serveurs(v);
     pst->i_Pid = ValeurEntiere(r, "PID");

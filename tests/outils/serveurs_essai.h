@@ -130,7 +130,10 @@ struct CyrusEssai {
 // Starts the store with the mailboxes given ("alice", "alice.Spam",
 // "plein:1" for a 1 KB quota); false (and s_Erreur, with the master's own
 // log) when it cannot.  Needs root.
-bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites = {});
+// With b_QuotaStrict lmtpd also weighs the message itself against the
+// quota after the data, and refuses it there for that mailbox alone.
+bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites = {},
+                  bool b_QuotaStrict = false);
 // Stops the store and removes its directory; harmless twice.
 void ArreteCyrus(CyrusEssai *pst);
 
