@@ -260,7 +260,8 @@ TEST_F(Remise, AttenteEtStockageInjoignable) {
 // took the message whole.  A NUL byte in the header is read as "?" and cuts
 // nothing after it (the body keeps its bytes); without a From and with an
 // empty sender, a fall-back name and From line, "anonyme" as depositor,
-// and the placeholder sender taken for an unauthenticated one.
+// and the placeholder sender taken for an unauthenticated one; a
+// mailer-daemon sender is a robot, its own From never taken for it.
 TEST_F(Remise, EntreesMalFormees) {
     std::string s_Longue(100000, 'x'), s_DixMille;
     for (int i = 0; i < 10000; i++) s_DixMille += "X-Ligne-" + std::to_string(i) + ": v\n";
@@ -270,7 +271,8 @@ TEST_F(Remise, EntreesMalFormees) {
     } t[] = {
         {EXT, "", ""}, {EXT, "Subject: sans ligne vide\n", ""}, {EXT, s_DixMille + "\ncorps\n", ""},
         {EXT, "Subject: " + s_Longue + "\n\n" + s_Longue + "\n", ""},
-        {EXT, "Subject: crlf\r\nFrom: a <ext@partenaire.test>\r\n\r\ncorps\r\n.\r\n", ""},
+        {"MAILER-DAEMON@partenaire.test", "Subject: crlf\r\nFrom: <mailer-daemon@partenaire.test>\r\n\r\nx\r\n",
+         "\n\t+ mdf=1; lda=1; ea=0; eab=0; fdv=0;\n"},
         {EXT, "Subject: nul\0ici\n\tsuite\n\0To: x\n\ncorps\0\n"s,
          "\nSubject: nul?ici\n\tsuite\n?To: x\n\ncorps\0\n\n.\n"s},
         {"", "Subject: rebond\n\ncorps\n",
@@ -340,7 +342,6 @@ TEST_F(Remise, FromHostileSansInjection) {
         {"From: <" + s_Echappes + "a@b.test>\n" + FIN},
         {"From: " + std::string(509, 'n') + " <a@partenaire.test>\n" + FIN, "a@partenaire.test"},
         {"From: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\nSubject: \xe9t\xe9\n" + FIN},
-        {"From: =?UTF-8\r?Q?N=C3=A9?= <a@partenaire.test>\n" + FIN},
         // A line longer than one read: 1023 bytes up to the Reply-To.
         {"From: <a@partenaire.test>" + std::string(998, ' ') + "Reply-To: attacker@evil.example\n" + FIN},
         {"To: alice@vorane.example\nFrom: x <a@partenaire.test>"},  // no final line feed
