@@ -1,138 +1,211 @@
-// The whole program as Postfix runs it, against a real slapd and the
-// scripted LMTP server: the bytes the store receives, the rewritten header,
-// the recipient loop's outcomes and the exit status.
+// The whole program as Postfix runs it, against a real slapd, the scripted
+// LMTP server and the capture program standing in for sendmail: the bytes
+// the store receives, the recipient loop's outcomes and exit status
+// (Remise), the replies and notices it sends (Avis), and the explain form
+// that acts on nothing (Explication).
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
+#include <filesystem>
 #include <map>
 #include <regex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utime.h>
 
 #include "adresse_unique.h"
 #include "serveurs_essai.h"
+#include "capture_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
 
 namespace {
 
+using namespace std::string_literals;  // "..."s keeps the NUL bytes of a literal
+using Liste = std::vector<std::string>;
 const std::string PROG = CHEMIN_REMISE_VORANE_ESSAI;
+const std::string SPOOL = RACINE_SPOOL_ESSAI;
 
-// Directory of the suite: mailboxes, the other delivery kinds, broken
-// entries, and an external sender known by its address.
-std::string Boite(const std::string &s_Uid, const std::string &s_Cn, const std::string &s_Remise,
-                  const std::string &s_Plus = "") {
-    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
-                                      "uid: " + s_Uid + "\ncn: " + s_Cn + "\nsn: " + s_Uid +
-                                          "\nmail: " + s_Uid + "@vorane.example\n"
-                                          "ravokVixRemise: " + s_Remise + "\n" + s_Plus);
+// A person entry: uid, delivery kind, further attribute lines (cn included).
+std::string Boite(const std::string &s_Uid, const std::string &s_Remise, const std::string &s_Plus) {
+    return EntreeLdif("uid=" + s_Uid, "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: " + s_Uid +
+                                          "\nsn: s\nmail: " + s_Uid + "@vorane.example\nravokVixRemise: " +
+                                          s_Remise + "\n" + s_Plus);
 }
+const std::string REPONSE = "ravokVixReponse: 10~ TOUT:x ";
+const std::string LEGER = "cn:: Qm9iIEzDqWdlcg==\nravokVixServeurPrincipal: MX1\n";  // "Bob Léger"
 
 const std::string ENTREES =
-    Boite("alice", "Alice Martin", "LMTP", "ravokVixmailEmission: a.martin@vorane.example\n") +
-    Boite("bob", "Bob", "lmtp") + Boite("dora", "Dora", "LMTP", "ravokVixServeurPrincipal: MX1\n") + Boite("carole", "Carole", "LMTP-cyrus") +
-    Boite("nul", "Nul", "NULL") + Boite("attente", "Attente", "ATTENTE") +
-    Boite("bizarre", "Bizarre", "FAX") +
-    EntreeLdif("cn=sansuid", "objectClass: ravokVixListe\ncn: sansuid\n"
-                             "mail: sansuid@vorane.example\nravokVixRemise: LMTP\n") +
-    EntreeLdif("uid=sansremise", "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\n"
-                                 "mail: sansremise@vorane.example\n") +
-    EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\n"
-                          "mail: ext@partenaire.test\n") +
-    // Reached only through a referral from another server.
-    EntreeLdif("ou=ailleurs", "objectClass: organizationalUnit\nou: ailleurs\n") +
-    EntreeLdif("uid=loin,ou=ailleurs", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\n"
-                                       "uid: loin\ncn: Loin\nsn: L\nmail: loin@vorane.example\n"
-                                       "ravokVixRemise: LMTP\n");
+    Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\n") +
+    Boite("carole", "LMTP-cyrus", "cn: Carole\n") + Boite("nul", "NULL", "cn: Nul\n") +
+    Boite("attente", "ATTENTE", "cn: A\n") + Boite("bizarre", "FAX", "cn: B\n") +
+    Boite("boite", "LMTP", "cn: c\n") + Boite("b2", "LMTP", "cn: c\n") + Boite("b3", "LMTP", "cn: c\n") +
+    EntreeLdif("cn=sansuid", "objectClass: ravokVixListe\ncn: sansuid\nmail: sansuid@vorane.example\n"
+                             "ravokVixRemise: LMTP\n") +
+    EntreeLdif("uid=sansremise",
+               "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\nmail: sansremise@vorane.example\n") +
+    EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\nmail: ext@partenaire.test\n") +
+    Boite("absente", "LMTP", "cn: Alice Martin\nravokVixmailEmission: a.martin@vorane.example\n" + REPONSE +
+                                 "FREQ:60 TEXTE:Je suis absente.%hA bientot\n") +
+    Boite("frequente", "LMTP", "cn: c\n" + REPONSE + "FREQ:60 TEXTE:Absente\n") +
+    Boite("repondeur", "NULL", LEGER + "ravokVixReponse: Absent\n" + REPONSE + "TEXTE:Absent\n") +
+    Boite("ferme", "LMTP", LEGER + "ravokVixRestrictions: 10+ LDAP:(&(objectClass=ravokVixBoite)(mail=%s))\n") +
+    EntreeLdif("cn=hostile", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\ncn: hostile\nsn: h\n"
+                             "uid: a/../..\nmail: hostile@vorane.example\nravokVixRemise: NULL\n" + REPONSE +
+                                 "TEXTE:Absent\n");
 
 // Accepts a transaction for n recipients.
-std::vector<EtapeLmtp> ScriptAccepte(int n) {
+std::vector<EtapeLmtp> Accepte(int n) {
     std::vector<EtapeLmtp> v = {Rep("220 lmtp ready\n"), Rep("250 2.1.0 ok\n")};
     for (int i = 0; i < n; i++) v.push_back(Rep("250 2.1.5 ok\n"));
     v.push_back(Rep("354 go ahead\n"));
     std::string s_Fin;  // one reply per recipient after the data
     for (int i = 0; i < n; i++) s_Fin += "250 2.1.5 Success\n";
-    v.push_back(Rep(s_Fin));
-    v.push_back(Rep("221 2.0.0 bye\n"));
+    v.insert(v.end(), {Rep(s_Fin), Rep("221 2.0.0 bye\n")});
     return v;
+}
+
+// Dates, the host and the dump file named in a text, as placeholders.
+std::string Stable(std::string s) {
+    for (const auto &[pc_Motif, pc_Par] : {std::pair<const char *, const char *>{
+             "[0-3][0-9]/[01][0-9]/20[0-9]{2} [0-9:]{8}", "<date>"},
+          {"Date: [A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} 20[0-9]{2} [0-9:]{8} [-+][0-9]{4}\n", "Date: <date>\n"},
+          {"Serveur en cause: [^\n]*\n", "Serveur en cause: <hote>\n"},
+          {"Erreurs/ERR\\.remise\\.[0-9]+\\.[A-Za-z0-9]{6}", "Erreurs/<dump>"}})
+        s = std::regex_replace(s, std::regex(pc_Motif), pc_Par);
+    return s;
+}
+
+// Dump files of the given kind written by the process.
+Liste Dumps(const char *pc_Type, int i_Pid) {
+    return FichiersCommencantPar(SPOOL + "Erreurs", std::string(pc_Type) + ".remise." + std::to_string(i_Pid) + ".");
+}
+
+// Removes the frequency files of one recipient (tests run side by side
+// share the spool: each works with recipients of its own).
+void VideAbsences(const std::string &s_Uid) {
+    for (const std::string &s : FichiersCommencantPar(SPOOL + "Absences", "AvisAbs.." + s_Uid + ".."))
+        std::filesystem::remove(s);
 }
 
 class Remise : public ::testing::Test {
 protected:
     static AnnuaireEssai sst_Annuaire;
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur;
-    }
+    static void SetUpTestSuite() { ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur; }
     static void TearDownTestSuite() { ArreteAnnuaire(&sst_Annuaire); }
 
-    // Runs the program for the recipients with the message on its input.
-    ResultatProcessus Lance(const std::string &s_Lmtp, const std::string &s_Emetteur,
-                            const std::vector<std::string> &v_Dest, const std::string &s_Message,
-                            std::vector<std::string> v_Options = {}) {
-        std::vector<std::string> v = {PROG, "-r", s_Lmtp, "-l", sst_Annuaire.s_Hote};
+    // Runs the program for the recipients, the message on its input.
+    static ResultatProcessus Lance(const Liste &v_Options, const std::string &s_Emetteur, const Liste &v_Dest,
+                                   const std::string &s_Message, const Liste &v_Programme = {PROG}) {
+        Liste v = v_Programme;
+        v.insert(v.end(), {"-l", sst_Annuaire.s_Hote});
         v.insert(v.end(), v_Options.begin(), v_Options.end());
-        v.push_back("-e");
-        v.push_back(s_Emetteur);
-        v.push_back("-d");
+        v.insert(v.end(), {"-e", s_Emetteur, "-d"});
         v.insert(v.end(), v_Dest.begin(), v_Dest.end());
         return LanceProgramme(v, s_Message, 60);
     }
 };
 AnnuaireEssai Remise::sst_Annuaire;
+class Avis : public Remise {};
 
-// The trace header's first line, with its date as a pattern.
-const std::string DATE = "[0-3][0-9]/[01][0-9]/20[0-9][0-9] [0-2][0-9]:[0-5][0-9]:[0-5][0-9]";
-
-// Replaces the date of the trace header by "<date>" after checking its form.
-std::string SansDate(const std::string &s) {
-    return std::regex_replace(s, std::regex("v1\\.1\\.0; le " + DATE + ";"), "v1.1.0; le <date>;");
+// A message from the external sender through an internet relay.
+std::string Message(const std::string &s_EnPlus = "", const std::string &s_Corps = "corps\n") {
+    return "Return-Path: <ext@partenaire.test>\nReceived: from mx.partenaire.test (mx [10.0.1.77])\n"
+           "\tby relais.vorane.example\n"
+           "Message-ID: <essai-1@partenaire.test>\nFrom: Jean Dupont <Ext@partenaire.test>\n"
+           "To: alice@vorane.example\nSubject: essai\n" + s_EnPlus + "\n" + s_Corps;
 }
 
-const std::string MESSAGE_EXTERNE =
-    "Return-Path: <ext@partenaire.test>\n"
-    "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
-    "Message-ID: <essai-1@partenaire.test>\n"
-    "From: Jean Dupont <ext@partenaire.test>\n"
-    "To: alice@vorane.example\n"
-    "Subject: essai\n"
-    "\n"
-    "corps\n"
-    ".\n"
-    "..x\n";
+// One run through the recipient loop, sender in mixed case: mailboxes
+// share one transaction (the store gets the rewritten header and the body,
+// dot-stuffed, no Return-Path), drops pass silently, unknown and broken
+// entries are reported at level -3 with a dump and an incident notice
+// each, a restriction refuses with a notice, an automatic reply quotes the
+// incoming header; the run ends with 0.  The notices and the reply go to
+// the envelope sender with the null sender, byte for byte.  The explain
+// form run before it with the same arguments acts on nothing.
+TEST_F(Remise, BoucleAvisEtReponse) {
+    VideAbsences("absente");
+    Capture cap;
+    ServeurLmtpEssai st_Lmtp(Accepte(4), false);
+    const Liste v_Dest = {"Alice@Vorane.Example", "absente@vorane.example", "ferme@vorane.example",
+                          "nul@vorane.example", "inconnu@vorane.example", "sansuid@vorane.example",
+                          "sansremise@vorane.example", "bizarre@vorane.example", "bob@vorane.example",
+                          "carole@vorane.example"};
+    // First the explain form, which acts on nothing: no command, no
+    // connection to the store (it serves one), no frequency file, no dump.
+    ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, "Ext@Partenaire.TEST", v_Dest,
+                                Message("", "corps\n.\n..x\n"), {PROG, "--explique"});
+    EXPECT_EQ(r.i_Statut, 1) << r.s_Erreur;
+    EXPECT_TRUE(cap.Appels().empty());
+    EXPECT_EQ(FichiersCommencantPar(SPOOL + "Absences", "AvisAbs..absente.."), Liste{});
+    EXPECT_EQ(Dumps("ERR", r.i_Pid), Liste{});
 
-// Three mailbox recipients share one transaction; the store gets the
-// rewritten header and the body, dot-stuffed, and the run ends with 0.
-TEST_F(Remise, TroisBoitesUneTransaction) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(3), false);
-    ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
-                                {"Alice@Vorane.Example", "bob@vorane.example", "carole@vorane.example"},
-                                MESSAGE_EXTERNE);
+    r = Lance({"-r", st_Lmtp.Designation()}, "Ext@Partenaire.TEST", v_Dest, Message("", "corps\n.\n..x\n"));
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_EQ(r.s_Erreur, "remise-vorane[" + std::to_string(r.i_Pid) +
-                              "]: message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, "
-                              "to=<->(-/3)\n");
-    std::string s_Recu = st_Lmtp.Recu();
-    EXPECT_EQ(SansDate(s_Recu),
-              "mail from:<ext@partenaire.test>\n"
-              "rcpt to:<alice>\nrcpt to:<bob>\nrcpt to:<carole>\n"
-              "DATA\n"
-              "X-Remise-Vorane: v1.1.0; le <date>;\n"
-              "\t+ mdf=0; lda=1; ea=1; eab=0; fdv=0;\n"
-              "\t+ from original: Jean Dupont <ext@partenaire.test>\n"
+    const std::string s_Info = ". message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, to=";
+    std::string s_Erreur = "remise-vorane[" + std::to_string(r.i_Pid) + "]: " + s_Info.substr(2) + "<->(-/10)\n";
+    for (const std::string &s :
+         {"v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire" + s_Info +
+              "<inconnu@vorane.example>(5/10)",
+          "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP" + s_Info +
+              "<sansuid@vorane.example>(6/10)",
+          "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne" + s_Info + "<sansremise@vorane.example>(7/10)",
+          "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=FAX'" + s_Info +
+              "<bizarre@vorane.example>(8/10)"})
+        s_Erreur += " !ERR:-3, " + s + "\n" + s + "\n";
+    EXPECT_EQ(r.s_Erreur, s_Erreur);
+    EXPECT_EQ(Dumps("ERR", r.i_Pid).size(), 4u);
+    for (const std::string &s : Dumps("ERR", r.i_Pid))  // they hold whole headers: for the site only
+        EXPECT_EQ(std::filesystem::status(s).permissions(), std::filesystem::perms(0600)) << s;
+    EXPECT_EQ(Stable(st_Lmtp.Recu()),
+              "mail from:<ext@partenaire.test>\nrcpt to:<alice>\nrcpt to:<absente>\nrcpt to:<bob>\n"
+              "rcpt to:<carole>\nDATA\nX-Remise-Vorane: v1.1.0; le <date>;\n\t+ mdf=0; lda=1; ea=1; eab=0; fdv=0;\n"
+              "\t+ from original: Jean Dupont <Ext@partenaire.test>\n"
               "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
-              "Message-ID: <essai-1@partenaire.test>\n"
-              "From: \"> Jean Externe (par Internet)\"\n\t<ext@partenaire.test>\n"
-              "X-ravokOrigine: par Internet\n"
-              "Reply-to: \"Jean Externe\"\n\t<ext@partenaire.test>\n"
-              "To: alice@vorane.example\n"
-              "Subject: essai\n"
-              "\n"
-              "corps\n"
-              "..\n"
-              "...x\n"
-              "\n.\n"
-              "QUIT\n");
+              "Message-ID: <essai-1@partenaire.test>\nFrom: \"> Jean Externe (par Internet)\"\n"
+              "\t<Ext@partenaire.test>\n"
+              "X-ravokOrigine: par Internet\nReply-to: \"Jean Externe\"\n\t<Ext@partenaire.test>\n"
+              "To: alice@vorane.example\nSubject: essai\n\ncorps\n..\n...x\n\n.\nQUIT\n");
+
+    std::vector<Appel> a = cap.Appels();
+    ASSERT_EQ(a.size(), 6u) << r.s_Erreur;
+    for (const Appel &x : a) EXPECT_EQ(x.v_Argv, (Liste{CAPTURE, "-i", "-f", "", "--", "ext@partenaire.test"}));
+    const std::string RECEIVED = "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n";
+    const std::string AUTO = "Auto-Submitted: Auto-Replied\nPrecedence: bulk\n";
+    const std::string REFS = "References: <essai-1@partenaire.test>\nIn-Reply-To: <essai-1@partenaire.test>\n"
+                             "To: Jean Dupont <Ext@partenaire.test>\n";
+    const std::string POSTIER = "From: \"Maitre postier, Service Courrier/VORANE\" <postmaster@vorane.example>\n"
+                                "Date: <date>\nMIME-Version: 1.0\nContent-Type: text/plain; charset=\"ISO-8859-1\"\n"
+                                "Content-Transfer-Encoding: 8bit\n\n";
+    EXPECT_EQ(Stable(a[0].s_Entree),
+              RECEIVED + "Message-Id: <absente.Reponse_automatique.essai-1@partenaire.test>\n" + AUTO +
+              "X-Loop: REMISE-VORANE, <Reponse_automatique>, <absente@vorane.example>\n"
+              "Subject: =?UTF-8?Q?R=C3=A9ponse_automatique_=3A_essai_?=\n" + REFS +
+              "From: \"Alice Martin\"\n\t<a.martin@vorane.example>\nDate: <date>\n"
+              "MIME-Version: 1.0\nContent-Type: text/plain; charset=\"UTF-8\"\nContent-Transfer-Encoding: 8bit\n\n"
+              "Je suis absente.\n" + Message("", "") + "\nA bientot\n");
+    EXPECT_EQ(Stable(a[1].s_Entree),
+              RECEIVED + "Message-Id: <ferme.Non_remis__restriction_.essai-1@partenaire.test>\n" + AUTO +
+              "X-Loop: REMISE-VORANE, <Non_remis__restriction_>, <ferme@vorane.example>\n"
+              "Subject: Non remis (restriction) : essai \n" + REFS + POSTIER +
+              "Une restriction de remise a emp\xea" "ch\xe9 la remise du message \xe0 \"Bob L\xe9ger\" "
+              "<mailto:ferme@vorane.example>\n");
+    EXPECT_EQ(Stable(a[2].s_Entree),
+              RECEIVED + AUTO + "X-Loop: REMISE-VORANE, <Non_remis__incident_>, <inconnu@vorane.example>\n"
+              "Subject: Non remis (incident) : essai \n" + REFS + POSTIER +
+              "Un incident technique grave a emp\xea" "ch\xe9 la remise du message \xe0  "
+              "<mailto:inconnu@vorane.example>\n\nDescription du probleme de remise-vorane:\n"
+              "v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire" + s_Info +
+              "<inconnu@vorane.example>(5/10)\n\nServeur en cause: <hote>\n"
+              "Fichier d'infos pour debug: " + SPOOL + "Erreurs/<dump>\n");
 }
 
 // A sender that differs from the From, an 8-bit Subject, an existing
@@ -140,379 +213,307 @@ TEST_F(Remise, TroisBoitesUneTransaction) {
 // name (UTF-8 text converted to the From's character set), the Subject
 // encoded with the original kept in the trace header, the -s suffix.
 TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), true);
-    std::string s_Message =
-        "Received: from x ([10.0.1.5])\n"
-        "From: =?ISO-8859-1?Q?J=E9r=F4me?= <jerome@partenaire.test>\n"
-        "Reply-To: ailleurs@partenaire.test\n"
-        "Subject: caf\xe9 cr\xe8me\n"
-        "X-Spam-Flag: YES\n"
-        "\n"
-        "corps\n";
-    ResultatProcessus r = Lance(st_Lmtp.Designation(), "robot@envoi.test", {"alice@vorane.example"},
-                                s_Message, {"-c", "", "-s", "+Spam"});
+    ServeurLmtpEssai st_Lmtp(Accepte(1), true);
+    ResultatProcessus r = Lance({"-r", st_Lmtp.Designation(), "-c", "", "-s", "+Spam"}, "robot@envoi.test",
+                                {"alice@vorane.example"}, "Received: from x ([10.0.1.5])\nFrom: =?ISO-8859-1?Q?"
+                                "J=E9r=F4me?= <jerome@partenaire.test>\nReply-To: ailleurs@partenaire.test\n"
+                                "Subject: caf\xe9 cr\xe8me\nX-Spam-Flag: YES\n\ncorps\n");
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    std::string s_Recu = SansDate(st_Lmtp.Recu());
-    EXPECT_NE(s_Recu.find("rcpt to:<alice+Spam>\n"), std::string::npos) << s_Recu;
-    EXPECT_NE(s_Recu.find("X-Remise-Vorane: v1.1.0; le <date>;\n"
-                          "\t+ mdf=1; lda=1; ea=0; eab=0; fdv=0;\n"
-                          "\t+ sujet original: caf\xe9 cr\xe8me\n"
-                          "\t+ from original: =?ISO-8859-1?Q?J=E9r=F4me?= <jerome@partenaire.test>\n"
-                          "From: =?ISO-8859-1?Q?=22=3E_J=E9r=F4me_=28par_Internet=2C_d=E9p=F4t_robot=40?=\n"
-                          "\t=?ISO-8859-1?Q?envoi=2Etest=29=22?=\n"
-                          "\t<jerome@partenaire.test>\n"
-                          "X-ravokOrigine: par Internet\n"
-                          "X-ravokFromDifferent: 1\n"
-                          "Reply-To: ailleurs@partenaire.test\n"
-                          "Subject: =?iso8859-15?Q?caf=E9_cr=E8me?=\n"),
-              std::string::npos)
-        << s_Recu;
+    EXPECT_EQ(Stable(st_Lmtp.Recu()),
+              "mail from:<robot@envoi.test>\nrcpt to:<alice+Spam>\nDATA\nReceived: from x ([10.0.1.5])\n"
+              "X-Remise-Vorane: v1.1.0; le <date>;\n\t+ mdf=1; lda=1; ea=0; eab=0; fdv=0;\n\t+ sujet original: caf"
+              "\xe9 cr\xe8me\n\t+ from original: =?ISO-8859-1?Q?J=E9r=F4me?= <jerome@partenaire.test>\n"
+              "From: =?ISO-8859-1?Q?=22=3E_J=E9r=F4me_=28par_Internet=2C_d=E9p=F4t_robot=40?=\n"
+              "\t=?ISO-8859-1?Q?envoi=2Etest=29=22?=\n\t<jerome@partenaire.test>\n"
+              "X-ravokOrigine: par Internet\nX-ravokFromDifferent: 1\nReply-To: ailleurs@partenaire.test\n"
+              "Subject: =?iso8859-15?Q?caf=E9_cr=E8me?=\nX-Spam-Flag: YES\n\ncorps\n\n.\nQUIT\n");
 }
 
 // ATTENTE second of three: the run stops there with 75; the mailbox met
 // before it is not delivered in this run and the third is never looked at.
-TEST_F(Remise, AttenteArreteLaRemise) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-    ResultatProcessus r =
-        Lance(st_Lmtp.Designation(), "ext@partenaire.test",
-              {"alice@vorane.example", "attente@vorane.example", "inconnu@vorane.example"},
-              MESSAGE_EXTERNE);
+// A store that fails is tried three times, then 75.
+TEST_F(Remise, AttenteEtStockageInjoignable) {
+    // A store that closes every connection it is offered, counting them.
+    int i_Ecoute = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in st_Adr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t t_Adr = sizeof st_Adr;
+    ASSERT_EQ(bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st_Adr), t_Adr), 0);
+    ASSERT_EQ(listen(i_Ecoute, 8) | getsockname(i_Ecoute, reinterpret_cast<sockaddr *>(&st_Adr), &t_Adr), 0);
+    std::atomic<int> i_Connexions = 0;
+    std::thread th([&] { for (int i; (i = accept(i_Ecoute, nullptr, nullptr)) >= 0; close(i)) i_Connexions++; });
+    const std::string s_Hote = "127.0.0.1:" + std::to_string(ntohs(st_Adr.sin_port));
+    ResultatProcessus r = Lance({"-r", s_Hote}, "ext@partenaire.test", {"alice@vorane.example",
+                                "attente@vorane.example", "inconnu@vorane.example"}, Message());
     EXPECT_EQ(r.i_Statut, 75);
     EXPECT_EQ(r.s_Erreur.find("inconnu"), std::string::npos) << r.s_Erreur;
-    EXPECT_EQ(st_Lmtp.Recu(1), "");
-}
-
-// NULL drops, unknown and broken entries are reported at level -3 with a
-// dump file each, and the mailbox among them is still delivered.
-TEST_F(Remise, DestinatairesEnErreurEtSuite) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-    ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
-                                {"nul@vorane.example", "inconnu@vorane.example",
-                                 "sansuid@vorane.example", "sansremise@vorane.example",
-                                 "bizarre@vorane.example", "bob@vorane.example"},
-                                MESSAGE_EXTERNE);
-    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    const std::string s_Info = "message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, to=";
-    for (const std::string &s :
-         {"v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire. " + s_Info +
-              "<inconnu@vorane.example>(2/6)",
-          "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP. " + s_Info +
-              "<sansuid@vorane.example>(3/6)",
-          "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne. " + s_Info +
-              "<sansremise@vorane.example>(4/6)",
-          "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=FAX'. " +
-              s_Info + "<bizarre@vorane.example>(5/6)"})
-        EXPECT_NE(r.s_Erreur.find(" !ERR:-3, " + s + "\n" + s + "\n"), std::string::npos) << s;
-    std::vector<std::string> v_Dumps = FichiersCommencantPar(
-        std::string(RACINE_SPOOL_ESSAI) + "Erreurs", "ERR.remise." + std::to_string(r.i_Pid) + ".");
-    EXPECT_EQ(v_Dumps.size(), 4u);
-    for (const std::string &s : v_Dumps) {
-        std::string s_Dump = LitFichier(s);
-        EXPECT_NE(s_Dump.find("\nAction: LOG_ERR, pour avis de non remise\n"), std::string::npos);
-        EXPECT_NE(s_Dump.find("Dest[6]=<bob@vorane.example>\n"), std::string::npos);
-        EXPECT_NE(s_Dump.find("O>From: Jean Dupont <ext@partenaire.test>\n"), std::string::npos);
-        EXPECT_NE(s_Dump.find("T>X-Remise-Vorane: v1.1.0; le "), std::string::npos);
-    }
-    std::string s_Recu = st_Lmtp.Recu();
-    EXPECT_EQ(s_Recu.substr(0, s_Recu.find("DATA\n")),
-              "mail from:<ext@partenaire.test>\nrcpt to:<bob>\n");
-}
-
-// A store that cannot be reached: three attempts, then 75 for Postfix.
-TEST_F(Remise, TroisEssaisPuisNouvelleTentativeParPostfix) {
-    std::string s_Hote = "127.0.0.1:" + std::to_string(PortLibre());
-    auto t_Debut = std::chrono::steady_clock::now();
-    ResultatProcessus r = Lance(s_Hote, "ext@partenaire.test", {"alice@vorane.example"},
-                                MESSAGE_EXTERNE);
+    EXPECT_EQ(i_Connexions, 0);
+    r = Lance({"-r", s_Hote}, "ext@partenaire.test", {"alice@vorane.example"}, Message());
+    shutdown(i_Ecoute, SHUT_RDWR);  // ends the accept
+    th.join();
+    close(i_Ecoute);
     EXPECT_EQ(r.i_Statut, 75);
-    // Two pauses between the three attempts (1 s each in the test build).
-    EXPECT_GE(std::chrono::steady_clock::now() - t_Debut, std::chrono::seconds(2));
-    EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/4549: Trop d'essais Remise_LMTP sur " + s_Hote +
-                              ", cr=111. message-id=<essai-1@partenaire.test>, "
-                              "from=<ext@partenaire.test>, to=<alice@vorane.example>(-/1)\n"),
-              std::string::npos)
-        << r.s_Erreur;
-}
-
-// A message that went through the program once comes back: the name of the
-// first pass is taken back and both passes show in the new trace header.
-TEST_F(Remise, DeuxiemePassage) {
-    std::string s_Message =
-        "From: Inconnu <inconnu@partenaire.test>\n"
-        "Subject: essai\n"
-        "\n"
-        "corps\n";
-    ServeurLmtpEssai st_Premier(ScriptAccepte(1), false);
-    ResultatProcessus r = Lance(st_Premier.Designation(), "inconnu@partenaire.test",
-                                {"alice@vorane.example"}, s_Message);
-    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    std::string s_Livre = DonneesRecues(st_Premier.Recu());
-    s_Livre = s_Livre.substr(0, s_Livre.size() - 1);  // the empty line the end of data added
-    EXPECT_EQ(SansDate(s_Livre),
-              "From: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
-              "X-Remise-Vorane: v1.1.0; le <date>;\n"
-              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
-              "\t+ from original: Inconnu <inconnu@partenaire.test>\n"
-              "Subject: essai\n\ncorps\n");
-
-    ServeurLmtpEssai st_Second(ScriptAccepte(1), false);
-    r = Lance(st_Second.Designation(), "inconnu@partenaire.test", {"bob@vorane.example"}, s_Livre);
-    ASSERT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    std::string s_Second = SansDate(DonneesRecues(st_Second.Recu()));
-    EXPECT_EQ(s_Second.substr(0, s_Second.find("Subject:")),
-              "From: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
-              "X-Remise-Vorane: v1.1.0; le <date>;\n"
-              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
-              "\t+ from original: Inconnu <inconnu@partenaire.test>,\n"
-              "\t+ from original: \"Inconnu\"\n\t<inconnu@partenaire.test>\n"
-              "X-Remise-Vorane: v1.1.0; le <date>;\n"
-              "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n"
-              "\t+ from original: Inconnu <inconnu@partenaire.test>\n");
-}
-
-// No From line, an empty envelope sender: warnings, the fall-back name,
-// a From line put at the head, "anonyme" as depositor.  The placeholder
-// sender lies in the internal top-level zone outside the internal domain's
-// subdomains, so the message is marked as from an unauthenticated sender.
-TEST_F(Remise, SansFromEtEmetteurVide) {
-    ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-    ResultatProcessus r = Lance(st_Lmtp.Designation(), "", {"alice@vorane.example"},
-                                "Subject: rebond\n\ncorps\n");
-    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-    EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/3688: Analyse du From, partie adresse vide ! <\n> ?."),
-              std::string::npos);
-    EXPECT_NE(r.s_Erreur.find(" !ERR:4, v1.1.0/4063: Entete sans 'From:'..."), std::string::npos);
-    std::string s_Recu = SansDate(st_Lmtp.Recu());
-    EXPECT_NE(s_Recu.find("mail from:<mailer-daemon@vorane.example>\n"), std::string::npos)
-        << s_Recu;
-    EXPECT_EQ(s_Recu.substr(s_Recu.find("DATA\n")),
-              "DATA\n"
-              "From: =?ISO-8859-15?Q?=22=7E_Adresse_emetteur_illisible_=2D_Adresse_vide_=28?=\n"
-              "\t=?ISO-8859-15?Q?emetteur_non_authentifie=2C_d=E9p=F4t_anonyme=29=22?=\n"
-              "\t<postmaster@vorane.example>\n"
-              "X-Remise-Vorane: v1.1.0; le <date>;\n"
-              "\t+ mdf=1; lda=0; ea=0; eab=0; fdv=0;\n"
-              "\t+ from original: __NonTrouveParDecod__\n"
-              "Subject: rebond\n"
-              "X-ravokOrigine: emetteur non authentifie\n"
-              "X-ravokFromDifferent: 1\n"
-              "Reply-to: \"Adresse emetteur illisible - Adresse vide\"\n"
-              "\t<postmaster@vorane.example>\n"
-              "\ncorps\n\n.\nQUIT\n");
-}
-
-// Every byte of a literal, NULs included.
-template <std::size_t N>
-std::string Octets(const char (&pc)[N]) {
-    return std::string(pc, N - 1);
+    EXPECT_EQ(i_Connexions, 3);
+    EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/4549: Trop d'essais Remise_LMTP sur " + s_Hote), std::string::npos);
 }
 
 // Bad input never crashes the program nor ends it with 0 unless the store
-// took the message whole; a NUL byte in the header is read as "?" and cuts
-// nothing after it (the body keeps its bytes).
+// took the message whole.  A NUL byte in the header is read as "?" and cuts
+// nothing after it (the body keeps its bytes); without a From and with an
+// empty sender, a fall-back name and From line, "anonyme" as depositor,
+// and the placeholder sender taken for an unauthenticated one; a
+// mailer-daemon sender is a robot, its own From never taken for it.
 TEST_F(Remise, EntreesMalFormees) {
-    std::string s_Longue(100000, 'x');
-    std::string s_DixMille;
+    std::string s_Longue(100000, 'x'), s_DixMille;
     for (int i = 0; i < 10000; i++) s_DixMille += "X-Ligne-" + std::to_string(i) + ": v\n";
-    struct Cas {
-        std::string s_Message, s_Livre;
+    const std::string EXT = "ext@partenaire.test";
+    const struct {
+        std::string s_Emetteur, s_Message, s_Recu;  // s_Recu: found in what the store got
+    } t[] = {
+        {EXT, "", ""}, {EXT, "Subject: sans ligne vide\n", ""}, {EXT, s_DixMille + "\ncorps\n", ""},
+        {EXT, "Subject: " + s_Longue + "\n\n" + s_Longue + "\n", ""},
+        {"MAILER-DAEMON@partenaire.test", "Subject: crlf\r\nFrom: <mailer-daemon@partenaire.test>\r\n\r\nx\r\n",
+         "\n\t+ mdf=1; lda=1; ea=0; eab=0; fdv=0;\n"},
+        {EXT, "Subject: nul\0ici\n\tsuite\n\0To: x\n\ncorps\0\n"s,
+         "\nSubject: nul?ici\n\tsuite\n?To: x\n\ncorps\0\n\n.\n"s},
+        {"", "Subject: rebond\n\ncorps\n",
+         "mail from:<mailer-daemon@vorane.example>\nrcpt to:<alice>\nDATA\n"
+         "From: =?ISO-8859-15?Q?=22=7E_Adresse_emetteur_illisible_=2D_Adresse_vide_=28?=\n"
+         "\t=?ISO-8859-15?Q?emetteur_non_authentifie=2C_d=E9p=F4t_anonyme=29=22?=\n\t<postmaster@vorane.example>\n"
+         "X-Remise-Vorane: v1.1.0; le <date>;\n\t+ mdf=1; lda=0; ea=0; eab=0; fdv=0;\n"
+         "\t+ from original: __NonTrouveParDecod__\nSubject: rebond\nX-ravokOrigine: emetteur non authentifie\n"
+         "X-ravokFromDifferent: 1\nReply-to: \"Adresse emetteur illisible - Adresse vide\"\n"
+         "\t<postmaster@vorane.example>\n\ncorps\n\n.\nQUIT\n"},
     };
-    const std::vector<Cas> v_Cas = {
-        {"", ""},
-        {"Subject: sans ligne vide\n", ""},
-        {s_DixMille + "\ncorps\n", ""},
-        {"Subject: " + s_Longue + "\n\n" + s_Longue + "\n", ""},
-        {Octets("Subject: nul\0ici\n\tsuite\n\0To: x\n\ncorps\0\n"),
-         Octets("Subject: nul?ici\n\tsuite\n?To: x\n\ncorps\0\n\n")},
-        {"Subject: crlf\r\nFrom: a <ext@partenaire.test>\r\n\r\ncorps\r\n.\r\n", ""},
-    };
-    for (const Cas &c : v_Cas) {
-        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-        ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
-                                    {"alice@vorane.example"}, c.s_Message);
+    for (const auto &c : t) {
+        SCOPED_TRACE(c.s_Message.substr(0, 40));
+        ServeurLmtpEssai st_Lmtp(Accepte(1), false);
+        ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, c.s_Emetteur, {"alice@vorane.example"}, c.s_Message);
         std::string s_Recu = st_Lmtp.Recu();
-        EXPECT_EQ(r.i_Signal, 0);
-        EXPECT_FALSE(r.b_Expire);
-        EXPECT_TRUE(r.i_Statut == 0 || r.i_Statut == 65 || r.i_Statut == 75) << r.i_Statut;
         bool b_Terminee = false;
-        std::string s_Donnees = DonneesRecues(s_Recu, &b_Terminee);
-        if (r.i_Statut == 0) {
-            EXPECT_TRUE(b_Terminee) << c.s_Message.substr(0, 40);
-        }
-        if (!c.s_Livre.empty()) {
-            EXPECT_EQ(s_Donnees.substr(s_Donnees.find("Subject:")), c.s_Livre);
-        }
+        DonneesRecues(s_Recu, &b_Terminee);
+        EXPECT_TRUE(r.i_Statut == 65 || r.i_Statut == 75 || (r.i_Statut == 0 && b_Terminee)) << r.i_Statut;
+        EXPECT_NE(Stable(s_Recu).find(c.s_Recu), std::string::npos) << s_Recu;
     }
 }
 
-}  // namespace
-
-namespace {
-
-// One field of a header: its name (lower case, up to the colon) and its
-// whole text, continuation lines and final line feed included.
 struct Champ {
-    std::string s_Nom;
-    std::string s_Texte;
+    std::string s_Nom, s_Texte;
 };
 
-// Splits a message at the line feeds into its header fields (a line that
-// begins with a blank or a tab continues the field before it) and its body,
-// which follows the first empty line.
+// The header fields of a message (a line that begins with a blank or a tab
+// continues the field before it) and its body, after the first empty line.
 std::vector<Champ> Champs(const std::string &s_Message, std::string *ps_Corps) {
     std::vector<Champ> v;
     std::size_t p = 0;
-    while (p < s_Message.size() && s_Message[p] != '\n') {
-        std::size_t q = s_Message.find('\n', p);
-        q = q == std::string::npos ? s_Message.size() : q + 1;
+    for (std::size_t q; p < s_Message.size() && s_Message[p] != '\n'; p = q) {
+        q = std::min(s_Message.find('\n', p), s_Message.size() - 1) + 1;
         std::string s_Ligne = s_Message.substr(p, q - p);
         if ((s_Ligne[0] == ' ' || s_Ligne[0] == '\t') && !v.empty()) {
             v.back().s_Texte += s_Ligne;
-        } else {
-            std::string s_Nom = s_Ligne.substr(0, s_Ligne.find(':'));
-            for (char &c : s_Nom) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-            v.push_back({s_Nom, s_Ligne});
+            continue;
         }
-        p = q;
+        std::string s_Nom = s_Ligne.substr(0, s_Ligne.find(':'));
+        for (char &c : s_Nom) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        v.push_back({s_Nom, s_Ligne});
     }
     *ps_Corps = p < s_Message.size() ? s_Message.substr(p + 1) : "";
     return v;
 }
 
-// A hostile From (and what comes with it) run through the whole program:
-// the store gets the fields it was sent, the program's own and nothing
-// else; every line the program wrote is one field without control bytes
-// but its folding; the From and the Reply-to name exactly one address; the
-// body is where it was.
+// A hostile From (and what comes with it) through the whole program: the
+// store gets the fields it was sent, the program's own and nothing else;
+// every line the program wrote is one field without control bytes but its
+// folding; its From and Reply-to name exactly one address; the body stays.
 TEST_F(Remise, FromHostileSansInjection) {
     const std::string FIN = "To: alice@vorane.example\n\ncorps\n";
     const std::string TRACE = "X-Remise-Vorane: v1.1.0; le 01/02/2024 10:00:00;\n"
                               "\t+ mdf=0; lda=1; ea=0; eab=0; fdv=0;\n\t+ from original: ";
-    const std::string BLANCS(998, ' ');  // "From: <a@partenaire.test>" + blanks: 1023 bytes
     std::string s_Echappes;  // 247 escaped ">" and "a@b.test": an address of 255
     for (int i = 0; i < 247; i++) s_Echappes += "\\>";
-    struct {
-        const char *pc_Nom;
-        std::string s_Suite;                // what follows Received and Message-ID
-        std::string s_Attendu = "";         // found in the header delivered
-        const char *pc_Emetteur = nullptr;  // envelope sender, if not ext@partenaire.test
+    const struct {
+        std::string s_Suite;  // what follows Received and Message-ID
+        const char *pc_Emetteur = "ext@partenaire.test";
     } t[] = {
-        {"ligne_echappee_reprise_d_une_trace",
-         TRACE + "Ancien <x\\\n\tReply-To:attacker@evil.example>\n"
-                 "From: x\\\n\tReply-To:attacker@evil.example\n" + FIN,
-         "\t+ from original: Ancien <\"x Reply-To:attacker\"@evil.example>,\n"},
-        {"deux_lignes_echappees_dont_une_vide",
-         TRACE + "Ancien <x\\\n\t\\\n\ty@evil.example>\nFrom: x\\\n\t\\\n\ty@evil.example\n" + FIN},
-        {"ligne_repliee_vide", "From: x\\\n\t\n\ty@evil.example\n" + FIN},
-        {"retour_chariot_seul",
-         "From: Nom\rBcc: victime@x.test <\"a\rb\"@partenaire.test>\n"
-         "Subject: caf\xe9\rBcc: victime@x.test\n" + FIN,
-         "\t+ sujet original: caf\xe9 Bcc: victime@x.test\n"},
-        {"mot_encode_avec_sauts_de_ligne",
-         "From: =?UTF-8?Q?Nom=0ABcc:_victime@x.test=0D?= <\"a\rb\"@partenaire.test>\n" + FIN},
-        {"chevrons_et_virgules_echappes",
-         "From: a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example\n" + FIN,
-         "\n\t<\"a>, \\\"Boss\\\" <ceo\"@vorane.example>\n"},
-        {"trace_precedente_hostile",
-         TRACE + "Pre\x0b\x01" "cedent <a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example>\n"
-                 "From: a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example\n" + FIN},
-        {"guillemet_ouvert", "From: \"Boss <ceo@vorane.example>\n" + FIN},
-        {"barre_oblique_finale", "From: <x@partenaire.test\\\\>\n" + FIN},
-        {"echappements_jusqu_a_255", "From: <" + s_Echappes + "a@b.test>\n" + FIN},
-        {"nom_de_509_caracteres", "From: " + std::string(509, 'n') + " <a@partenaire.test>\n" + FIN,
-         "", "a@partenaire.test"},
-        {"octets_8_bits",
-         "From: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\nSubject: \xe9t\xe9\n" + FIN,
-         "\t+ from original: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\n"},
-        {"charset_hostile_du_from", "From: =?UTF-8\r?Q?N=C3=A9?= <a@partenaire.test>\n" + FIN},
-        {"charset_utf16_du_from", "From: =?UTF-16LE?Q?x?= <a@partenaire.test>\n" + FIN},
-        {"ligne_plus_longue_qu_une_lecture",
-         "From: <a@partenaire.test>" + BLANCS + "Reply-To: attacker@evil.example\n" + FIN},
-        {"ligne_de_1023_octets", "From: <a@partenaire.test>" + BLANCS + "\n" + FIN},
-        {"fin_sans_saut_de_ligne", "To: alice@vorane.example\nFrom: x <a@partenaire.test>"},
+        {TRACE + "Ancien <x\\\n\tReply-To:attacker@evil.example>\nFrom: x\\\n\tReply-To:attacker@evil.example\n" + FIN},
+        {"From: Nom\rBcc: victime@x.test <\"a\rb\"@partenaire.test>\nSubject: caf\xe9\rBcc: victime@x.test\n" + FIN},
+        {"From: =?UTF-8?Q?Nom=0ABcc:_victime@x.test=0D?= <\"a\rb\"@partenaire.test>\n" + FIN},
+        {"From: a\\>\\,\\ \"Boss\"\\ \\<ceo@vorane.example\n" + FIN},
+        {"From: \"Boss <ceo@vorane.example>\n" + FIN}, {"From: <x@partenaire.test\\\\>\n" + FIN},
+        {"From: <" + s_Echappes + "a@b.test>\n" + FIN},
+        {"From: " + std::string(509, 'n') + " <a@partenaire.test>\n" + FIN, "a@partenaire.test"},
+        {"From: J\xe9r\xf4me \xe9 <a\xe9" "b@partenaire.test>\nSubject: \xe9t\xe9\n" + FIN},
+        // A line longer than one read: 1023 bytes up to the Reply-To.
+        {"From: <a@partenaire.test>" + std::string(998, ' ') + "Reply-To: attacker@evil.example\n" + FIN},
+        {"To: alice@vorane.example\nFrom: x <a@partenaire.test>"},  // no final line feed
     };
-    const std::set<std::string> st_Propres = {"x-remise-vorane", "x-ravokorigine",
-                                              "x-ravokfromdifferent", "reply-to"};
+    const std::set<std::string> st_Propres = {"x-remise-vorane", "x-ravokorigine", "x-ravokfromdifferent", "reply-to"};
     int i_Rang = 0;
-    for (auto &c : t) {
-        SCOPED_TRACE(c.pc_Nom);
-        std::string s_Message = "Received: from mx.partenaire.test (mx [10.0.1.77])\n"
-                                "\tby relais.vorane.example\n"
-                                "Message-ID: <hostile-" + std::to_string(++i_Rang) +
-                                "@partenaire.test>\n" + c.s_Suite;
-        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-        const char *pc_Emetteur = c.pc_Emetteur != nullptr ? c.pc_Emetteur : "ext@partenaire.test";
-        ResultatProcessus r =
-            Lance(st_Lmtp.Designation(), pc_Emetteur, {"alice@vorane.example"}, s_Message);
+    for (const auto &c : t) {
+        SCOPED_TRACE(++i_Rang);
+        std::string s_Message = "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+                                "Message-ID: <hostile-" + std::to_string(i_Rang) + "@partenaire.test>\n" +
+                                c.s_Suite;
+        ServeurLmtpEssai st_Lmtp(Accepte(1), false);
+        ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, c.pc_Emetteur, {"alice@vorane.example"},
+                                    s_Message);
         EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
         std::string s_Corps, s_CorpsLivre, s_Livre = DonneesRecues(st_Lmtp.Recu());
-        std::vector<Champ> v_Recus = Champs(s_Message, &s_Corps);
-        std::vector<Champ> v_Livres = Champs(s_Livre, &s_CorpsLivre);
+        std::vector<Champ> v_Recus = Champs(s_Message, &s_Corps), v_Livres = Champs(s_Livre, &s_CorpsLivre);
         EXPECT_EQ(s_CorpsLivre.substr(0, s_Corps.size()), s_Corps);
-        EXPECT_NE(s_Livre.substr(0, s_Livre.size() - s_CorpsLivre.size()).find(c.s_Attendu),
-                  std::string::npos)
-            << s_Livre;
-
         // Names: as many as were sent, plus the program's own lines once
         // each (its trace header always) and a From where there was none.
         std::map<std::string, int> m_Recus, m_Livres;
         for (const Champ &ch : v_Recus) m_Recus[ch.s_Nom]++;
         for (const Champ &ch : v_Livres) m_Livres[ch.s_Nom]++;
-        for (const auto &[s_Nom, n] : m_Livres) {
-            int i_Plus = st_Propres.count(s_Nom) != 0 || (s_Nom == "from" && m_Recus[s_Nom] == 0);
-            EXPECT_LE(n, m_Recus[s_Nom] + i_Plus) << s_Nom << " added";
-        }
+        for (const auto &[s_Nom, n] : m_Livres)
+            EXPECT_LE(n, m_Recus[s_Nom] + (st_Propres.count(s_Nom) != 0 || (s_Nom == "from" && m_Recus[s_Nom] == 0)))
+                << s_Nom << " added";
         for (const auto &[s_Nom, n] : m_Recus) EXPECT_GE(m_Livres[s_Nom], n) << s_Nom << " lost";
         EXPECT_EQ(m_Livres["x-remise-vorane"], m_Recus["x-remise-vorane"] + 1);
-
-        // Lines the program wrote: no control byte but the folding, and one
-        // address in the From and in a Reply-to of its own.
         for (const Champ &ch : v_Livres) {
             bool b_Recu = false;
             for (const Champ &ch_Recu : v_Recus) b_Recu = b_Recu || ch_Recu.s_Texte == ch.s_Texte;
             if (b_Recu) continue;
             for (unsigned char o : ch.s_Texte)
-                EXPECT_TRUE(o >= 0x20 ? o != 0x7f : o == '\n' || o == '\t')
-                    << static_cast<int>(o) << " in " << ch.s_Texte;
-            if (ch.s_Nom == "from" || ch.s_Nom == "reply-to") {
-                EXPECT_EQ(DefautAdresseUnique(ch.s_Texte), "");
-            }
+                EXPECT_TRUE(o >= 0x20 ? o != 0x7f : o == '\n' || o == '\t') << int(o) << " in " << ch.s_Texte;
+            if (ch.s_Nom == "from" || ch.s_Nom == "reply-to") { EXPECT_EQ(DefautAdresseUnique(ch.s_Texte), ""); }
         }
     }
 }
 
-// A directory that answers a search with a referral: the library follows it
-// and finds the recipient on the second server; a referral to a server that
-// never answers ends within the time limits, the message kept for a retry.
-TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
-    ServeurMuet st_Muet;
-    ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
-    for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote}) {
-        AnnuaireEssai st_Premier;
-        ASSERT_TRUE(DemarreAnnuaire(
-            &st_Premier, EntreeLdif("ou=ailleurs", "objectClass: referral\nobjectClass: "
-                                                   "extensibleObject\nou: ailleurs\nref: ldap://" +
-                                                       s_Cible + "/ou=ailleurs," +
-                                                       SUFFIXE_ANNUAIRE_ESSAI + "\n")))
-            << st_Premier.s_Erreur;
-        ServeurLmtpEssai st_Lmtp(ScriptAccepte(1), false);
-        ResultatProcessus r = Lance(st_Lmtp.Designation(), "ext@partenaire.test",
-                                    {"loin@vorane.example"}, MESSAGE_EXTERNE,
-                                    {"-l", st_Premier.s_Hote});
-        ArreteAnnuaire(&st_Premier);
-        EXPECT_FALSE(r.b_Expire);
-        if (s_Cible == st_Muet.s_Hote) {
-            EXPECT_EQ(r.i_Statut, 75);
-            EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/2604: Erreur ldap_search_s"),
-                      std::string::npos)
-                << r.s_Erreur;
-        } else {
-            EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
-            EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<loin>\n"), std::string::npos);
-        }
+// Each guard suppresses the automatic reply on its own; the counter-cases
+// are answered.  The recipient's kind is NULL: nothing else is submitted.
+TEST_F(Avis, GardesDesReponses) {
+    const std::string EXT = "ext@partenaire.test";
+    const struct {
+        std::string s_Emetteur, s_EnPlus;
+        Liste v_Options;
+        bool b_Reponse;
+    } t[] = {
+        {EXT, "", {}, true}, {EXT, "", {"-p", "mx0,mx1"}, true}, {EXT, "", {"-p", "mx2"}, false},
+        {"MAILER-DAEMON@partenaire.test", "", {}, false}, {"", "", {}, false},
+        {"nobody@partenaire.test", "", {}, false}, {"liste-owner@partenaire.test", "", {}, false},
+        {"owner-liste@partenaire.test", "", {}, true}, {"@partenaire.test", "", {}, false},
+        {"non-authentifie@autre.example", "", {}, false},
+        {EXT, "Auto-Submitted: auto-generated\n", {}, false}, {EXT, "Auto-Submitted: no\n", {}, true},
+        {EXT, "List-Id: <l.partenaire.test>\n", {}, false}, {EXT, "X-List-Name: l\n", {}, false},
+        {EXT, "Precedence: junk\n", {}, false}, {EXT, "X-Spam-Flag: YES\n", {}, false},
+        {EXT, "X-Loop: REMISE-VORANE, <x>, <y>\n", {}, false},
+    };
+    for (const auto &c : t) {
+        SCOPED_TRACE(c.s_Emetteur + " " + c.s_EnPlus + (c.v_Options.empty() ? "" : c.v_Options[1]));
+        VideAbsences("repondeur");
+        Capture cap;
+        ResultatProcessus r = Lance(c.v_Options, c.s_Emetteur, {"repondeur@vorane.example"}, Message(c.s_EnPlus));
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_EQ(cap.Appels().size(), c.b_Reponse ? 1u : 0u) << r.s_Erreur;
     }
-    ArreteServeurMuet(&st_Muet);
+}
+
+// The frequency file: created by a reply, it holds back the next one until
+// the rule's 60 minutes have passed; its name keeps the escaped uid and
+// sender (the part after ".-.") inside Absences/.
+TEST_F(Avis, FichierDeFrequence) {
+    for (const char *pc_Uid : {"frequente", "a%2F%2E%2E%2F%2E%2E"}) VideAbsences(pc_Uid);
+    const std::string s_Fichier = SPOOL + "Absences/AvisAbs..frequente..ext@partenaire.test.txt";
+    for (int i_Age : {0, 600, 3601}) {
+        struct utimbuf st = {time(nullptr) - i_Age, time(nullptr) - i_Age};
+        if (i_Age > 0) { ASSERT_EQ(utime(s_Fichier.c_str(), &st), 0); }
+        Capture cap;
+        ResultatProcessus r = Lance({}, "liste.-.ext@partenaire.test", {"frequente@vorane.example"}, Message());
+        EXPECT_EQ(cap.Appels().size(), i_Age == 600 ? 0u : 1u) << i_Age << r.s_Erreur;
+    }
+    Capture cap;
+    ResultatProcessus r = Lance({}, "../../x/y@.", {"hostile@vorane.example"}, Message());
+    EXPECT_EQ(cap.Appels().size(), 1u) << r.s_Erreur;
+    EXPECT_EQ(FichiersCommencantPar(SPOOL + "Absences", "AvisAbs..a%2F"),
+              Liste{SPOOL + "Absences/AvisAbs..a%2F%2E%2E%2F%2E%2E..%2E%2E%2F%2E%2E%2Fx%2Fy@%2E.txt"});
+}
+
+// The store refuses some of four mailboxes, at the recipient command or in
+// its replies after the data (for good, over quota, or for now): the run
+// ends with 0 after one attempt (no second copy to those answered 250),
+// and one notice names each refused mailbox with the store's reply (an
+// over-quota refusal in words).  An unanswered QUIT is a warning; a first
+// reply after the data that refuses the message ends the session at once.
+TEST_F(Avis, RefusDuServeurLmtp) {
+    const std::string B2 = "Destinataire <b2@vorane.example>, r\xe9ponse du serveur :\n";
+    const std::string PLEINE = "Bo\xeete pleine, message refus\xe9 ...\n";
+    const struct {
+        std::string s_Rcpt2, s_FinDonnees;  // reply to the second RCPT, replies after the data
+        EtapeLmtp st_Quit;
+        std::string s_Fin, s_Avertissement, s_Avis;  // last bytes received, the one report, the notice's body
+    } t[] = {
+        {"550 5.1.1 User unknown\n", "250 ok\n452 4.2.2 Over quota SESSIONID=<s>\n451 4.3.0 Try later\n", Ferme(),
+         "\n.\nQUIT\n", " !ERR:4, v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=104",
+         "Les destinataires suivants n'ont pas recu votre message:\n\n" + B2 + "550 5.1.1 User unknown\n\n"
+         "Destinataire <b3@vorane.example>, r\xe9ponse du serveur :\n" + PLEINE +
+         "Destinataire <alice@vorane.example>, r\xe9ponse du serveur :\n451 4.3.0 Try later\n\n"},
+        {"250 ok\n", "554 5.6.0 Message contains invalid header\n452 4.2.2 Over quota\n250 ok\n250 ok\n",
+         Rep("221 bye\n"), "\n.\n",
+         " !ERR:4, v1.1.0/1551: Message non remis, reponse <554 5.6.0 Message contains invalid header\n>",
+         "Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
+         "554 5.6.0 Message contains invalid header\n" + B2 + PLEINE},
+    };
+    for (const auto &c : t) {
+        SCOPED_TRACE(c.s_FinDonnees);
+        Capture cap;
+        ServeurLmtpEssai st_Lmtp({Rep("220 ready\n"), Rep("250 ok\n"), Rep("250 ok\n"), Rep(c.s_Rcpt2), Rep("250 ok\n"),
+                                  Rep("250 ok\n"), Rep("354 go\n"), Rep(c.s_FinDonnees), c.st_Quit},
+                                 false);
+        ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, "ext@vorane.example",
+                                    {"boite@vorane.example", "b2@vorane.example", "b3@vorane.example",
+                                     "alice@vorane.example"}, Message());
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_TRUE(st_Lmtp.Recu().ends_with(c.s_Fin)) << c.s_Fin;
+        std::size_t p = r.s_Erreur.find(" !ERR:");
+        EXPECT_EQ(r.s_Erreur.find(c.s_Avertissement), p) << r.s_Erreur;
+        EXPECT_EQ(r.s_Erreur.find(" !ERR:", p + 1), std::string::npos) << r.s_Erreur;
+        std::vector<Appel> a = cap.Appels();
+        ASSERT_EQ(a.size(), 1u) << r.s_Erreur;
+        std::string s = a[0].s_Entree;
+        EXPECT_NE(s.find("Subject: Non remis (incident) : essai \n"), std::string::npos) << s;
+        EXPECT_EQ(s.substr(s.find("\n\n") + 2), c.s_Avis + "\n");
+    }
+}
+
+// A report raised while an incident notice is being sent (its sendmail
+// refuses it for good) sends no second notice: the message goes back to
+// its sender through Postfix (65).
+TEST_F(Avis, IncidentPendantUnAvis) {
+    Capture cap;
+    cap.StatutAppel(1, 67);
+    ResultatProcessus r = Lance({}, "ext@partenaire.test", {"inconnu@vorane.example"}, Message());
+    EXPECT_EQ(r.i_Statut, 65) << r.s_Erreur;
+    EXPECT_EQ(cap.Appels().size(), 1u);
+    EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/1891: Erreur sur pclose"), std::string::npos);
+}
+
+// A spool that cannot hold a dump (Erreurs/ a plain file and the other
+// directories missing, or a file system that takes no byte more) loses no
+// notice, reply or delivery, leaves no cut dump file and says nothing of
+// it on standard error (which Postfix would quote in its log or bounce).
+TEST_F(Avis, SpoolInutilisable) {
+    for (const Liste &v_Programme :
+         {Liste{CHEMIN_REMISE_VORANE_SANS_SPOOL},
+          Liste{"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG}}) {
+        SCOPED_TRACE(v_Programme[0]);
+        VideAbsences("frequente");
+        Capture cap;
+        ServeurLmtpEssai st_Lmtp(Accepte(1), false);
+        ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, "ext@partenaire.test",
+                                    {"inconnu@vorane.example", "frequente@vorane.example", "inconnu2@vorane.example"},
+                                    Message(), v_Programme);
+        EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<frequente>\nDATA\n"), std::string::npos);
+        std::vector<Appel> a = cap.Appels();
+        ASSERT_EQ(a.size(), 3u) << r.s_Erreur;
+        for (int i : {0, 1, 2})
+            EXPECT_NE(a[i].s_Entree.find(i == 1 ? "\n\nAbsente\n" : "\nFichier d'infos pour debug: \n"),
+                      std::string::npos);
+        EXPECT_EQ(Dumps("ERR", r.i_Pid), Liste{});
+        EXPECT_EQ(r.s_Erreur.find("3660"), std::string::npos) << r.s_Erreur;
+    }
 }
 
 }  // namespace
-
