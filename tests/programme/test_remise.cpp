@@ -23,6 +23,7 @@
 #include "adresse_unique.h"
 #include "serveurs_essai.h"
 #include "capture_essai.h"
+#include "journal_essai.h"
 #include "processus.h"
 #include "serveur_lmtp.h"
 
@@ -59,7 +60,26 @@ const std::string ENTREES =
     Boite("ferme", "LMTP", LEGER + "ravokVixRestrictions: 10+ LDAP:(&(objectClass=ravokVixBoite)(mail=%s))\n") +
     EntreeLdif("cn=hostile", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\ncn: hostile\nsn: h\n"
                              "uid: a/../..\nmail: hostile@vorane.example\nravokVixRemise: NULL\n" + REPONSE +
-                                 "TEXTE:Absent\n");
+                                 "TEXTE:Absent\n") +
+    // The explain form's recipients.
+    Boite("xpferme", "LMTP", "cn: xpferme\nravokVixRestrictions: 10- JOKE:*@PARTENAIRE.test\n"
+                             "ravokVixRestrictions: 05- TOUT:\n" + REPONSE + "TEXTE:jamais\n") +
+    Boite("xpouvert", "LMTP", "cn: xpouvert\nravokVixRestrictions: 30- TOUT:x\nravokVixRestrictions: 10+ "
+                              "JOKE:*@autre.test\nravokVixRestrictions: 20+ PCRE:^ext@partenaire\\.test$\n") +
+    Boite("xpabsent", "LMTP", "cn: xpabsent\nravokVixmailEmission: absent@vorane.example\nravokVixReponse: 10~ "
+                              "JOKE:*@ailleurs.test TEXTE:Non\nravokVixReponse: 20~ TOUT:x DDEB:20000101 "
+                              "DFIN:20991231 FREQ:60 TEXTE:Absent.%h\n") +
+    Boite("xpparti", "LMTP", "cn: xpparti\nravokVixReponse: 20~ TOUT:x TEXTE:jamais atteint\n"
+                             "ravokVixReponse: 10~ TOUT:x DFIN:20000101 TEXTE:Parti\n") +
+    EntreeLdif("cn=xpliste", "objectClass: ravokVixListe\ncn: xpliste\nmail: xpliste@vorane.example\nravokVixRemise: "
+                             "LISTE-MU\nravokVixMembres: a@x.test\nravokVixMembres: xpsous@vorane.example\n"
+                             "info: AVIS: retours@vorane.example\ninfo: REPONSE: xpliste@vorane.example\n") +
+    EntreeLdif("cn=xpsous", "objectClass: ravokVixListe\ncn: xpsous\nmail: xpsous@vorane.example\nravokVixRemise: "
+                            "LISTE-BR\nravokVixMembres: b@y.test\nravokVixMembres: A@X.TEST\n") +
+    // Reached only through a referral from another server.
+    EntreeLdif("ou=ailleurs", "objectClass: organizationalUnit\nou: ailleurs\n") +
+    EntreeLdif("uid=loin,ou=ailleurs", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\nuid: loin\n"
+                                       "cn: Loin\nsn: L\nmail: loin@vorane.example\nravokVixRemise: LMTP\n");
 
 // Accepts a transaction for n recipients.
 std::vector<EtapeLmtp> Accepte(int n) {
@@ -491,12 +511,18 @@ TEST_F(Avis, IncidentPendantUnAvis) {
 
 // A spool that cannot hold a dump (Erreurs/ a plain file and the other
 // directories missing, or a file system that takes no byte more) loses no
-// notice, reply or delivery, leaves no cut dump file and says nothing of
-// it on standard error (which Postfix would quote in its log or bounce).
+// notice, reply or delivery and leaves no cut dump file.  The site learns
+// it once per run from the system log, never on standard error (which
+// Postfix would quote in its log or bounce).
 TEST_F(Avis, SpoolInutilisable) {
-    for (const Liste &v_Programme :
-         {Liste{CHEMIN_REMISE_VORANE_SANS_SPOOL},
-          Liste{"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG}}) {
+    char pc_Rep[] = "/tmp/journal-avis.XXXXXX";
+    ASSERT_NE(mkdtemp(pc_Rep), nullptr);
+    ASSERT_TRUE(JournalPrive(pc_Rep, true)) << "no private system logger";
+    const std::pair<Liste, std::string> t_Cas[] = {
+        {{CHEMIN_REMISE_VORANE_SANS_SPOOL}, "spool-inutilisable/Erreurs/>, errno=20 (Not a directory)"},
+        {{"/usr/bin/prlimit", "--fsize=0:unlimited", "/usr/bin/env", "--ignore-signal=XFSZ", PROG},
+         "spool/Erreurs/>, errno=27 (File too large)"}};
+    for (const auto &[v_Programme, s_Cause] : t_Cas) {
         SCOPED_TRACE(v_Programme[0]);
         VideAbsences("frequente");
         Capture cap;
@@ -513,7 +539,162 @@ TEST_F(Avis, SpoolInutilisable) {
                       std::string::npos);
         EXPECT_EQ(Dumps("ERR", r.i_Pid), Liste{});
         EXPECT_EQ(r.s_Erreur.find("3660"), std::string::npos) << r.s_Erreur;
+        const std::string s_Journal = LignesJournal(pc_Rep), s_Ligne = "remise-vorane[" + std::to_string(r.i_Pid) +
+                                                                         "]: v1.1.0/3660: Fichier de debug impossible dans <";
+        std::size_t p = s_Journal.find(s_Ligne);
+        ASSERT_NE(p, std::string::npos) << s_Journal;
+        EXPECT_EQ(s_Journal.find(s_Ligne, p + 1), std::string::npos) << s_Journal;
+        EXPECT_NE(s_Journal.find(s_Cause + ". message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, "
+                                           "to=<inconnu@vorane.example>(1/3)\n", p), std::string::npos) << s_Journal;
     }
+    RetireJournalPrive(pc_Rep);
+    rmdir(pc_Rep);
+}
+
+// The explain form through every kind of decision: a deny line (after a
+// malformed one) that refuses with a notice, an allow list let through by
+// its second line, a reply inside its dates held back by a recent frequency
+// file, one outside its dates (stopping the search) beside an existing
+// file, a list expanded through a nested list without duplicates, an
+// unknown recipient; then the one LMTP transaction and the header the store
+// would get, with the list's Reply-To.
+TEST_F(Remise, ExplicationComplete) {
+    for (const char *pc : {"xpabsent", "xpparti"}) {  // frequency files 10 minutes old
+        const std::string s = SPOOL + "Absences/AvisAbs.." + pc + "..ext@partenaire.test.txt";
+        fclose(fopen(s.c_str(), "w"));
+        struct utimbuf st = {time(nullptr) - 600, time(nullptr) - 600};
+        utime(s.c_str(), &st);
+    }
+    const std::string F = SPOOL + "Absences/AvisAbs..xpabsent..ext@partenaire.test.txt";
+    ResultatProcessus r = Lance({"-r", "/nulle/part", "-c", "+Boite"}, "ext@partenaire.test",
+                                {"xpferme@vorane.example", "xpouvert@vorane.example", "xpabsent@vorane.example",
+                                 "xpparti@vorane.example", "xpliste@vorane.example", "inconnu@vorane.example"},
+                                "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
+                                "Message-ID: <xp-1@partenaire.test>\nFrom: Jean Dupont <ext@partenaire.test>\n"
+                                "To: xpliste@vorane.example\nSubject: essai\n\ncorps\n",
+                                {PROG, "--explique"});
+    EXPECT_EQ(r.i_Statut, 1) << r.s_Erreur;
+    char pc_Jour[16];
+    time_t t = time(nullptr);
+    strftime(pc_Jour, sizeof pc_Jour, "%Y%m%d", localtime(&t));
+    EXPECT_EQ(std::regex_replace(Stable(r.s_Sortie), std::regex(pc_Jour), "<jour>"),
+              "Explication de la remise (rien n'est remis, envoye ni ecrit)\n"
+              "Message : lu sur l'entree standard\n"
+              "Expediteur d'enveloppe : <ext@partenaire.test>\n"
+              "Adresse From retenue : <ext@partenaire.test>, nom \"Jean Externe\"\n"
+              "Analyse : mdf=0 lda=1 ea=1 eab=0 fdv=0 robot=0 non-authentifie=0\n"
+              "Origine : par Internet (marque \"> \")\n"
+              "Suffixe de boite : \"+Boite\"\n"
+              "\nDestinataire 1/6 : <xpferme@vorane.example>\n"
+              "  Entree annuaire : uid=xpferme, cn=xpferme\n"
+              "  Type de remise : LMTP\n"
+              "  Serveur principal : oui (pas d'option -p)\n"
+              "  Restrictions, dans l'ordre d'evaluation :\n"
+              "    05- TOUT: : mal formee (cr=-1), ignoree\n"
+              "    10- JOKE:*@PARTENAIRE.test : vraie -> decide : refus\n"
+              "  -> destinataire refuse : rien ne lui est remis\n"
+              "    Gardes de la composition : aucune ne s'y oppose\n"
+              "  -> avis \"Non remis (restriction)\" envoye a <ext@partenaire.test>\n"
+              "\nDestinataire 2/6 : <xpouvert@vorane.example>\n"
+              "  Entree annuaire : uid=xpouvert, cn=xpouvert\n"
+              "  Type de remise : LMTP\n"
+              "  Serveur principal : oui (pas d'option -p)\n"
+              "  Restrictions, dans l'ordre d'evaluation :\n"
+              "    10+ JOKE:*@autre.test : fausse\n"
+              "    20+ PCRE:^ext@partenaire\\.test$ : vraie -> decide : remise permise\n"
+              "  Reponse automatique : aucune regle\n"
+              "  -> LMTP : boite <xpouvert+Boite>, dans la transaction apres la boucle\n"
+              "\nDestinataire 3/6 : <xpabsent@vorane.example>\n"
+              "  Entree annuaire : uid=xpabsent, cn=xpabsent\n"
+              "  Type de remise : LMTP\n"
+              "  Serveur principal : oui (pas d'option -p)\n"
+              "  Restrictions : aucune -> remise permise\n"
+              "  Reponse automatique, regles dans l'ordre d'evaluation :\n"
+              "    10~ JOKE:*@ailleurs.test TEXTE:Non : fausse\n"
+              "    20~ TOUT:x DDEB:20000101 DFIN:20991231 FREQ:60 TEXTE:Absent.%h : vraie, du "
+              "20000101 au 20991231, aujourd'hui <jour> -> decide\n"
+              "  -> reponse due : frequence 60 min, texte : Absent.%h\n"
+              "    Fichier de frequence " + F + " : derniere reponse le <date> -> pas de reponse avant le <date>\n"
+              "    De : \"xpabsent\" <absent@vorane.example>\n"
+              "    Gardes de la composition : aucune ne s'y oppose\n"
+              "  -> pas de reponse (frequence)\n"
+              "  -> LMTP : boite <xpabsent+Boite>, dans la transaction apres la boucle\n"
+              "\nDestinataire 4/6 : <xpparti@vorane.example>\n"
+              "  Entree annuaire : uid=xpparti, cn=xpparti\n"
+              "  Type de remise : LMTP\n"
+              "  Serveur principal : oui (pas d'option -p)\n"
+              "  Restrictions : aucune -> remise permise\n"
+              "  Reponse automatique, regles dans l'ordre d'evaluation :\n"
+              "    10~ TOUT:x DFIN:20000101 TEXTE:Parti : vraie mais hors dates (jusqu'au "
+              "20000101, aujourd'hui <jour>) -> arret, pas de reponse\n"
+              "  -> pas de reponse : aucune regle ne s'applique\n"
+              "  -> LMTP : boite <xpparti+Boite>, dans la transaction apres la boucle\n"
+              "\nDestinataire 5/6 : <xpliste@vorane.example>\n"
+              "  Entree annuaire : uid=(aucun), cn=xpliste\n"
+              "  Type de remise : LISTE-MU\n"
+              "  Serveur principal : oui (pas d'option -p)\n"
+              "  Restrictions : aucune -> remise permise\n"
+              "  Reponse automatique : aucune regle\n"
+              "  -> liste : retours a <retours@vorane.example>\n"
+              "    Reply-To de l'en-tete remplace par xpliste@vorane.example (pour la suite de la remise)\n"
+              "    2 membre(s) inscrit(s)\n"
+              "    apres expansion et suppression des doublons : 2 adresse(s), 1 lot(s) sendmail "
+              "-f <retours@vorane.example>\n"
+              "      a@x.test\n"
+              "      b@y.test\n"
+              "\nDestinataire 6/6 : <inconnu@vorane.example>\n"
+              "  ! signalement de niveau -3 : v1.1.0/4198: Destinataire <inconnu@vorane.example> "
+              "non trouve dans l'annuaire. message-id=<xp-1@partenaire.test>, "
+              "from=<ext@partenaire.test>, to=<inconnu@vorane.example>(6/6)\n"
+              "    -> remise reelle : avis \"Non remis (incident)\" a l'expediteur, puis la remise continue\n"
+              "  Entree annuaire : aucune -> destinataire suivant\n"
+              "\nTransaction LMTP apres la boucle, socket Unix /nulle/part :\n"
+              "  mail from:<ext@partenaire.test>\n"
+              "  rcpt to:<xpouvert+Boite>  pour <xpouvert@vorane.example>\n"
+              "  rcpt to:<xpabsent+Boite>  pour <xpabsent@vorane.example>\n"
+              "  rcpt to:<xpparti+Boite>  pour <xpparti@vorane.example>\n"
+              "\nEn-tete que le stockage recevrait :\n"
+              "  | Received: from mx.partenaire.test (mx [10.0.1.77])\n"
+              "  | \tby relais.vorane.example\n"
+              "  | X-Remise-Vorane: v1.1.0; le <date>;\n"
+              "  | \t+ mdf=0; lda=1; ea=1; eab=0; fdv=0;\n"
+              "  | \t+ from original: Jean Dupont <ext@partenaire.test>\n"
+              "  | Message-ID: <xp-1@partenaire.test>\n"
+              "  | From: \"> Jean Externe (par Internet)\"\n"
+              "  | \t<ext@partenaire.test>\n"
+              "  | X-ravokOrigine: par Internet\n"
+              "  | Reply-To: xpliste@vorane.example\n"
+              "  | To: xpliste@vorane.example\n"
+              "  | Subject: essai\n"
+              "\nFin de l'explication : rien n'a ete remis, envoye ni ecrit.\n");
+}
+
+// A directory that answers a search with a referral: the library follows it
+// and finds the recipient on the second server; a referral to a server that
+// never answers ends within the time limits, the message kept for a retry.
+TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
+    ServeurMuet st_Muet;
+    ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
+    for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote}) {
+        AnnuaireEssai st_Premier;
+        ASSERT_TRUE(DemarreAnnuaire(&st_Premier, EntreeLdif("ou=ailleurs", "objectClass: referral\nobjectClass: "
+                                                            "extensibleObject\nou: ailleurs\nref: ldap://" + s_Cible +
+                                                            "/ou=ailleurs," + SUFFIXE_ANNUAIRE_ESSAI + "\n")))
+            << st_Premier.s_Erreur;
+        ServeurLmtpEssai st_Lmtp(Accepte(1), false);
+        ResultatProcessus r = Lance({"-r", st_Lmtp.Designation(), "-l", st_Premier.s_Hote}, "ext@partenaire.test",
+                                    {"loin@vorane.example"}, Message());
+        ArreteAnnuaire(&st_Premier);
+        EXPECT_FALSE(r.b_Expire);
+        if (s_Cible == st_Muet.s_Hote) {
+            EXPECT_EQ(r.i_Statut, 75);
+            EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/2604: Erreur ldap_search_s"), std::string::npos) << r.s_Erreur;
+        } else {
+            EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+            EXPECT_NE(st_Lmtp.Recu().find("rcpt to:<loin>\n"), std::string::npos);
+        }
+    }
+    ArreteServeurMuet(&st_Muet);
 }
 
 }  // namespace
