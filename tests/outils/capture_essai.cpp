@@ -25,7 +25,7 @@ Capture::Capture() {
 Capture::~Capture() {
     for (const std::string &s : FichiersCommencantPar(s_Rep, "")) unlink(s.c_str());
     rmdir(s_Rep.c_str());
-    for (const char *pc : {"CAPTURE_REPERTOIRE", "CAPTURE_STATUT", "CAPTURE_LIMITE"}) unsetenv(pc);
+    for (const char *pc : {"CAPTURE_REPERTOIRE", "CAPTURE_LIMITE"}) unsetenv(pc);
 }
 
 std::vector<Appel> Capture::Appels() const {

@@ -166,7 +166,6 @@ bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites, boo
     SortieServeurs r = Serveurs(v);
     pst->i_Pid = ValeurEntiere(r, "PID");
     pst->s_Socket = r.m_Valeurs["SOCKET"];
-    pst->s_Conf = r.m_Valeurs["CONF"];
     pst->s_Erreur = r.s_Erreur;
     return r.b_Ok;
 }
@@ -179,14 +178,6 @@ void ArreteCyrus(CyrusEssai *pst) {
 void SuspendCyrus(const CyrusEssai &st) { Serveurs({"suspend", st.s_Repertoire}); }
 
 void ReprendCyrus(const CyrusEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
-
-bool CommandesImap(CyrusEssai *pst, const std::vector<std::string> &v_Commandes) {
-    std::vector<std::string> v = {"imap", pst->s_Repertoire};
-    v.insert(v.end(), v_Commandes.begin(), v_Commandes.end());
-    SortieServeurs r = Serveurs(v);
-    pst->s_Erreur = r.s_Erreur;
-    return r.b_Ok;
-}
 
 std::vector<std::string> MessagesStockes(const CyrusEssai &st, const std::string &s_Boite) {
     std::vector<std::string> v;
@@ -202,14 +193,6 @@ std::string SansCr(const std::string &s) {
         if (!(s[i] == '\r' && i + 1 < s.size() && s[i + 1] == '\n')) s_Res += s[i];
     return s_Res;
 }
-
-MessageStocke DecoupeMessage(const std::string &s_Stocke) {
-    std::string s = SansCr(s_Stocke);
-    std::size_t p = s.find("\n\n");
-    if (p == std::string::npos) return {s, ""};
-    return {s.substr(0, p + 1), s.substr(p + 2)};
-}
-
 
 bool DemarrePostfix(PostfixEssai *pst, const OptionsPostfix &st_Options) {
     pst->s_Repertoire = RepertoireServeur("postfix");
@@ -228,7 +211,6 @@ bool DemarrePostfix(PostfixEssai *pst, const OptionsPostfix &st_Options) {
     SortieServeurs r = Serveurs(v);
     pst->i_Pid = ValeurEntiere(r, "PID");
     pst->i_Port = ValeurEntiere(r, "PORT");
-    pst->s_Conf = r.m_Valeurs["CONF"];
     pst->s_Journal = r.m_Valeurs["JOURNAL"];
     pst->s_Capture = r.m_Valeurs["CAPTURE"];
     pst->s_Erreur = r.s_Erreur;

@@ -121,7 +121,6 @@ int PortLibre();
 // the store also stops when the test process dies.
 struct CyrusEssai {
     std::string s_Repertoire;  // the store's directory
-    std::string s_Conf;        // its imapd.conf
     std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
     pid_t i_Pid = 0;           // the master
     std::string s_Erreur;      // why the last operation failed
@@ -143,25 +142,11 @@ void ArreteCyrus(CyrusEssai *pst);
 void SuspendCyrus(const CyrusEssai &st);
 void ReprendCyrus(const CyrusEssai &st);
 
-// Runs IMAP commands as the administrator, in one session, each expected
-// to end "OK" (e.g. "CREATE user.alice", "SETQUOTA user.bob (STORAGE 1)",
-// "SETACL user.alice.Spam anyone p" to let LMTP deliver to "alice+Spam").
-// false and s_Erreur (the command and the server's answer) at the first
-// that does not.
-bool CommandesImap(CyrusEssai *pst, const std::vector<std::string> &v_Commandes);
-
 // The stored messages of a mailbox ("alice", "alice.Spam"), oldest first,
 // as stored (CRLF line ends); empty when it has none or does not exist.
 std::vector<std::string> MessagesStockes(const CyrusEssai &st, const std::string &s_Boite);
 // The text with every CRLF turned into LF (lone CRs are kept).
 std::string SansCr(const std::string &s);
-// Header and body of a stored message (LF line ends), split at the first
-// empty line; the body is what follows that line.
-struct MessageStocke {
-    std::string s_Entete;  // header lines, each with its line feed
-    std::string s_Corps;
-};
-MessageStocke DecoupeMessage(const std::string &s_Stocke);
 
 // DemarrePostfix starts Debian's Postfix through scripts/serveurs.sh
 // ("postfix") from a directory of its own (configuration, queue, log):
@@ -189,7 +174,6 @@ struct OptionsPostfix {
 
 struct PostfixEssai {
     std::string s_Repertoire;  // the instance's directory
-    std::string s_Conf;        // its configuration directory (postfix -c, MAIL_CONFIG)
     std::string s_Journal;     // Postfix's log
     std::string s_Capture;     // mbox of the messages for other domains
     int i_Port = 0;            // smtpd on 127.0.0.1

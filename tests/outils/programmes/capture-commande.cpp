@@ -14,9 +14,8 @@
 //                       end of its input leaves no .fin file.
 //   CAPTURE_LIMITE      read at most this many bytes, then close standard
 //                       input and exit (a command that stops reading early).
-//   CAPTURE_STATUT      exit status; otherwise the number in the file
-//                       <dir>/statut-<k>, else 0.  A negative number -n
-//                       ends the program by signal n instead.
+// Its exit status is the number in the file <dir>/statut-<k>, else 0; a
+// negative number -n ends the program by signal n instead.
 // A file-size limit inherited from the program under test (a test that
 // fills its "file system" that way) is lifted: the records must be written.
 #include <algorithm>
@@ -83,11 +82,9 @@ int main(int argc, char **argv) {
     }
 
     // Exit status.
-    const char *pc_Statut = getenv("CAPTURE_STATUT");
     int i_Statut = 0;
-    if (pc_Statut != nullptr) i_Statut = atoi(pc_Statut);
-    std::string s_Statut = pc_Rep != nullptr ? std::string(pc_Rep) + "/statut-" + std::to_string(k) : "";
-    FILE *pf = s_Statut.empty() || pc_Statut != nullptr ? nullptr : fopen(s_Statut.c_str(), "r");
+    FILE *pf = pc_Rep != nullptr ? fopen((std::string(pc_Rep) + "/statut-" + std::to_string(k)).c_str(), "r")
+                                 : nullptr;
     if (pf != nullptr) {
         if (fscanf(pf, "%d", &i_Statut) != 1) i_Statut = 0;
         fclose(pf);
