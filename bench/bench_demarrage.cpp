@@ -346,7 +346,7 @@ int main() {
                                 "mail: alice@vorane.example\nravokVixRemise: LMTP\n");
     if (!DemarreAnnuaire(&st_Annuaire, s_Entrees)) {
         fprintf(stderr, "slapd: %s\n", st_Annuaire.s_Erreur.c_str());
-        ArreteAnnuaire(&st_Annuaire);
+        ArreteServeur(&st_Annuaire);
         rmdir(s_VideSasl.c_str());
         rmdir(s_Rep.c_str());
         return 1;
@@ -391,7 +391,7 @@ int main() {
 
     kill(i_Pair, SIGKILL);
     waitpid(i_Pair, nullptr, 0);
-    ArreteAnnuaire(&st_Annuaire);
+    ArreteServeur(&st_Annuaire);
     RetireJournalPrive(s_Rep);
     if (b_Ok && getenv("VORANE_BANC_GARDE") == nullptr) {
         for (const std::string &s : FichiersCommencantPar(s_Rep, "")) unlink(s.c_str());

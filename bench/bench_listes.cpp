@@ -170,7 +170,7 @@ int main() {
     printf("  peak memory %ld KiB for a %ld KiB body (goal <= body + %ld KiB): %s\n",
            r.l_MemoireMaxKo, l_Corps, MARGE_MEMOIRE_KO,
            r.i_Statut == 0 && r.l_MemoireMaxKo <= l_Corps + MARGE_MEMOIRE_KO ? "met" : "NOT MET");
-    ArreteAnnuaire(&st_Annuaire);
+    ArreteServeur(&st_Annuaire);
     RetireJournalPrive(s_Rep);
     rmdir(s_Rep.c_str());
     return 0;

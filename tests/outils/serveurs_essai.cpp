@@ -40,14 +40,19 @@ std::string RepertoireServeur(const char *pc_Nom) {
     return mkdtemp(s.data()) != nullptr ? s : "";
 }
 
-void ArreteServeur(std::string *ps_Repertoire) {
-    if (ps_Repertoire->empty()) return;
-    Serveurs({"arrete", *ps_Repertoire});
+void ArreteServeur(ServeurEssai *pst) {
+    if (pst->s_Repertoire.empty()) return;
+    Serveurs({"arrete", pst->s_Repertoire});
     // A start refused before the script took the directory leaves it empty.
     std::error_code ec;
-    std::filesystem::remove(*ps_Repertoire, ec);
-    ps_Repertoire->clear();
+    std::filesystem::remove(pst->s_Repertoire, ec);
+    pst->s_Repertoire.clear();
+    pst->i_Pid = 0;
 }
+
+void SuspendServeur(const ServeurEssai &st) { Serveurs({"suspend", st.s_Repertoire}); }
+
+void ReprendServeur(const ServeurEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
 
 int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom) {
     auto it = r.m_Valeurs.find(s_Nom);
@@ -118,15 +123,6 @@ bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif) {
     return r.b_Ok;
 }
 
-void ArreteAnnuaire(AnnuaireEssai *pst) {
-    ArreteServeur(&pst->s_Repertoire);
-    pst->i_Pid = 0;
-}
-
-void SuspendAnnuaire(const AnnuaireEssai &st) { Serveurs({"suspend", st.s_Repertoire}); }
-
-void ReprendAnnuaire(const AnnuaireEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
-
 bool ModifieAnnuaire(const AnnuaireEssai &st, const std::string &s_Changements) {
     return Serveurs({"modifie", st.s_Repertoire}, s_Changements).b_Ok;
 }
@@ -170,15 +166,6 @@ bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites, boo
     return r.b_Ok;
 }
 
-void ArreteCyrus(CyrusEssai *pst) {
-    ArreteServeur(&pst->s_Repertoire);
-    pst->i_Pid = 0;
-}
-
-void SuspendCyrus(const CyrusEssai &st) { Serveurs({"suspend", st.s_Repertoire}); }
-
-void ReprendCyrus(const CyrusEssai &st) { Serveurs({"reprend", st.s_Repertoire}); }
-
 std::vector<std::string> MessagesStockes(const CyrusEssai &st, const std::string &s_Boite) {
     std::vector<std::string> v;
     std::istringstream f(Serveurs({"messages", st.s_Repertoire, s_Boite}).s_Sortie);
@@ -215,11 +202,6 @@ bool DemarrePostfix(PostfixEssai *pst, const OptionsPostfix &st_Options) {
     pst->s_Capture = r.m_Valeurs["CAPTURE"];
     pst->s_Erreur = r.s_Erreur;
     return r.b_Ok;
-}
-
-void ArretePostfix(PostfixEssai *pst) {
-    ArreteServeur(&pst->s_Repertoire);
-    pst->i_Pid = 0;
 }
 
 std::string SoumetSmtp(PostfixEssai *pst, const std::string &s_Emetteur,

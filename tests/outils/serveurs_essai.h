@@ -28,9 +28,22 @@ SortieServeurs Serveurs(const std::vector<std::string> &v_Args, const std::strin
 // it cannot be made).
 std::string RepertoireServeur(const char *pc_Nom);
 
-// "serveurs.sh arrete" on the directory, which is then forgotten;
-// harmless on an empty name or twice.
-void ArreteServeur(std::string *ps_Repertoire);
+// What every server of the tests has: its directory, its main process and
+// why the last operation failed.
+struct ServeurEssai {
+    std::string s_Repertoire;
+    pid_t i_Pid = 0;
+    std::string s_Erreur;
+};
+
+// Stops the server (its processes) and removes its directory; harmless
+// twice.
+void ArreteServeur(ServeurEssai *pst);
+// Freezes / thaws the running server, every process of it (returns once
+// every thread is stopped): a peer that has accepted the session and then
+// stops answering.
+void SuspendServeur(const ServeurEssai &st);
+void ReprendServeur(const ServeurEssai &st);
 
 // The integer value of a NAME=VALUE line (0 when absent or not a number).
 int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom);
@@ -41,7 +54,7 @@ int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom);
 // schema/vorane.schema, suffix dc=vorane,dc=example (the base entry is added
 // by the fixture) with defaultsearchbase set so that searches from the
 // empty base work, read access for everyone, and the given LDIF entries
-// loaded offline.  ArreteAnnuaire stops it and removes its directory.  The
+// loaded offline.  ArreteServeur stops it and removes its directory.  The
 // server dies with the test process.
 //
 // DemarreServeurMuet stands in for a directory host that never answers:
@@ -52,22 +65,13 @@ int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom);
 //                         connect itself hangs).
 constexpr const char *SUFFIXE_ANNUAIRE_ESSAI = "dc=vorane,dc=example";
 
-struct AnnuaireEssai {
-    std::string s_Repertoire;  // the server's directory (configuration, database, log)
+struct AnnuaireEssai : ServeurEssai {
     int i_Port = 0;
-    pid_t i_Pid = 0;
-    std::string s_Hote;    // "127.0.0.1:<port>", as -l takes it
-    std::string s_Erreur;  // why the start failed
+    std::string s_Hote;  // "127.0.0.1:<port>", as -l takes it
 };
 
 // Starts slapd with the entries; false (and s_Erreur) when it cannot.
 bool DemarreAnnuaire(AnnuaireEssai *pst, const std::string &s_Ldif);
-// Stops slapd and removes its directory; harmless twice.
-void ArreteAnnuaire(AnnuaireEssai *pst);
-// Freezes / thaws the running slapd (returns once every thread is stopped):
-// a server that has accepted the session and then stops answering.
-void SuspendAnnuaire(const AnnuaireEssai &st);
-void ReprendAnnuaire(const AnnuaireEssai &st);
 
 // Changes entries of the running slapd (ldapmodify as its administrator,
 // LDIF change records such as "dn: ...\nchangetype: modify\nreplace: x\n
@@ -117,13 +121,10 @@ int PortLibre();
 // Stored messages are read back through Cyrus's own mbpath: the numbered
 // files "1.", "2.", ... of the mailbox's folder, in delivery order.
 //
-// ArreteCyrus stops the master and its services and removes the directory;
+// ArreteServeur stops the master and its services and removes the directory;
 // the store also stops when the test process dies.
-struct CyrusEssai {
-    std::string s_Repertoire;  // the store's directory
-    std::string s_Socket;      // LMTP Unix-domain socket, as -r takes it
-    pid_t i_Pid = 0;           // the master
-    std::string s_Erreur;      // why the last operation failed
+struct CyrusEssai : ServeurEssai {
+    std::string s_Socket;  // LMTP Unix-domain socket, as -r takes it
 };
 
 // Starts the store with the mailboxes given ("alice", "alice.Spam",
@@ -133,14 +134,6 @@ struct CyrusEssai {
 // quota after the data, and refuses it there for that mailbox alone.
 bool DemarreCyrus(CyrusEssai *pst, const std::vector<std::string> &v_Boites = {},
                   bool b_QuotaStrict = false);
-// Stops the store and removes its directory; harmless twice.
-void ArreteCyrus(CyrusEssai *pst);
-
-// Freezes / thaws the running store, master and services (returns once
-// every thread is stopped): a store that accepts connections and never
-// answers.
-void SuspendCyrus(const CyrusEssai &st);
-void ReprendCyrus(const CyrusEssai &st);
 
 // The stored messages of a mailbox ("alice", "alice.Spam"), oldest first,
 // as stored (CRLF line ends); empty when it has none or does not exist.
@@ -160,7 +153,7 @@ std::string SansCr(const std::string &s);
 // sendmail of a command it runs (MAIL_CONFIG) reaches this instance.  In a
 // sanitizer build's test run the command gets the sanitizer options of the
 // test process (through env, reports on its standard error).
-// ArretePostfix stops it, undoes that, removes the directory; the instance
+// ArreteServeur stops it, undoes that, removes the directory; the instance
 // also stops when the test process dies.
 struct OptionsPostfix {
     // The pipe's command; Postfix expands "${sender}" and "${recipient}"
@@ -172,20 +165,15 @@ struct OptionsPostfix {
     int i_DelaiCommande = 0;  // the pipe's time limit in seconds (0: Postfix's 1000)
 };
 
-struct PostfixEssai {
-    std::string s_Repertoire;  // the instance's directory
-    std::string s_Journal;     // Postfix's log
-    std::string s_Capture;     // mbox of the messages for other domains
-    int i_Port = 0;            // smtpd on 127.0.0.1
-    pid_t i_Pid = 0;           // the master
-    std::string s_Erreur;      // why the last operation failed
+struct PostfixEssai : ServeurEssai {
+    std::string s_Journal;  // Postfix's log
+    std::string s_Capture;  // mbox of the messages for other domains
+    int i_Port = 0;         // smtpd on 127.0.0.1
 };
 
 // Starts the instance; false (and s_Erreur, with Postfix's log) when it
 // cannot.  Needs root.
 bool DemarrePostfix(PostfixEssai *pst, const OptionsPostfix &st_Options);
-// Stops the instance and removes its directory; harmless twice.
-void ArretePostfix(PostfixEssai *pst);
 
 // Submits the message (LF line ends are sent as CRLF, dots stuffed) in one
 // SMTP transaction; its queue id, or "" when it was refused (s_Erreur: the

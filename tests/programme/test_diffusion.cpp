@@ -72,7 +72,7 @@ protected:
     static void SetUpTestSuite() {
         ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES + EntreesBoites())) << sst_Annuaire.s_Erreur;
     }
-    static void TearDownTestSuite() { ArreteAnnuaire(&sst_Annuaire); }
+    static void TearDownTestSuite() { ArreteServeur(&sst_Annuaire); }
 
     static ResultatProcessus Lance(const Liste &v_Dest, const std::string &s_Message,
                                    const std::string &s_Lmtp = "/nulle/part", const std::string &s_De = EMETTEUR) {
@@ -175,7 +175,7 @@ protected:
         ASSERT_TRUE(DemarreCyrus(&sst_Cyrus, Boites(), true)) << sst_Cyrus.s_Erreur;
     }
     static void TearDownTestSuite() {
-        ArreteCyrus(&sst_Cyrus);
+        ArreteServeur(&sst_Cyrus);
         Diffusion::TearDownTestSuite();
     }
 };

@@ -103,9 +103,9 @@ class ChainePostfix : public ::testing::Test {
         if (!DemarrePostfix(&sst_Postfix, st)) ss_Pret = "Postfix: " + sst_Postfix.s_Erreur;
     }
     static void TearDownTestSuite() {
-        ArretePostfix(&sst_Postfix);
-        ArreteCyrus(&sst_Cyrus);
-        ArreteAnnuaire(&sst_Annuaire);
+        ArreteServeur(&sst_Postfix);
+        ArreteServeur(&sst_Cyrus);
+        ArreteServeur(&sst_Annuaire);
     }
 
     std::size_t t_Journal = 0;        // log size when the case (or row) began
@@ -263,9 +263,9 @@ TEST_F(ChainePostfix, PairFigeMessageGardeEnFile) {
                       // cr=110 (ETIMEDOUT): the store's greeting never came.
                       s_4549 = "v1.1.0/4549: Trop d'essais Remise_LMTP sur " + sst_Cyrus.s_Socket + ", cr=110. ";
     const Cas t_Cas[] = {
-        {"annuaire", [] { SuspendAnnuaire(sst_Annuaire); }, [] { ReprendAnnuaire(sst_Annuaire); }, " !ERR:2, " + s_2576,
+        {"annuaire", [] { SuspendServeur(sst_Annuaire); }, [] { ReprendServeur(sst_Annuaire); }, " !ERR:2, " + s_2576,
          {"ATT.v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=-5 (Timed out). ", "ERR." + s_2576}},
-        {"magasin", [] { SuspendCyrus(sst_Cyrus); }, [] { ReprendCyrus(sst_Cyrus); }, " !ERR:2, " + s_4549,
+        {"magasin", [] { SuspendServeur(sst_Cyrus); }, [] { ReprendServeur(sst_Cyrus); }, " !ERR:2, " + s_4549,
          {"ERR." + s_4549}},
         // bob's entry says ATTENTE until it says LMTP again: no report, no dump.
         {"attente", [] { RemiseDeBob("ATTENTE"); }, [] { RemiseDeBob("LMTP"); },

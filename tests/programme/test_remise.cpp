@@ -119,7 +119,7 @@ class Remise : public ::testing::Test {
 protected:
     static AnnuaireEssai sst_Annuaire;
     static void SetUpTestSuite() { ASSERT_TRUE(DemarreAnnuaire(&sst_Annuaire, ENTREES)) << sst_Annuaire.s_Erreur; }
-    static void TearDownTestSuite() { ArreteAnnuaire(&sst_Annuaire); }
+    static void TearDownTestSuite() { ArreteServeur(&sst_Annuaire); }
 
     // Runs the program for the recipients, the message on its input.
     static ResultatProcessus Lance(const Liste &v_Options, const std::string &s_Emetteur, const Liste &v_Dest,
@@ -684,7 +684,7 @@ TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
         ServeurLmtpEssai st_Lmtp(Accepte(1), false);
         ResultatProcessus r = Lance({"-r", st_Lmtp.Designation(), "-l", st_Premier.s_Hote}, "ext@partenaire.test",
                                     {"loin@vorane.example"}, Message());
-        ArreteAnnuaire(&st_Premier);
+        ArreteServeur(&st_Premier);
         EXPECT_FALSE(r.b_Expire);
         if (s_Cible == st_Muet.s_Hote) {
             EXPECT_EQ(r.i_Statut, 75);

@@ -57,7 +57,7 @@ class Annuaire : public ::testing::Test {
   protected:
     static AnnuaireEssai sst;
     static void SetUpTestSuite() { ASSERT_TRUE(DemarreAnnuaire(&sst, ENTREES)) << sst.s_Erreur; }
-    static void TearDownTestSuite() { ArreteAnnuaire(&sst); }
+    static void TearDownTestSuite() { ArreteServeur(&sst); }
     void SetUp() override {
         _strncpy(gPc_InfoMessEnCours, INFO.c_str(), TAILLE_TEXTE);
         gi_OnEstSurServeurPrincipal = 1;
@@ -160,12 +160,12 @@ TEST_F(Annuaire, ConnexionEtReessais) {
         [&] {
             gi_DelaiReseauLdap = 2;
             gld = ldapConnect(sst.s_Hote.c_str());
-            SuspendAnnuaire(sst);
+            SuspendServeur(sst);
             char **ttpc[NB_ATTR_LDAP_DEST] = {};
             Cherche("x@vorane.example", ttpc);
         },
         20);
-    ReprendAnnuaire(sst);
+    ReprendServeur(sst);
     EXPECT_EQ(r.i_Statut, 75);
     EXPECT_EQ(r.s_Erreur, " !ERR:2, v1.1.0/2604: Erreur ldap_search_s, filtre=<(mail=x@vorane.example)> "
                           "ld_errno=-5 (Timed out). " + INFO + ". Possibilite de depots repetes\n");

@@ -41,7 +41,7 @@ TEST(Schema, FormeCnConfigEtExemples) {
     const std::string s_Exemples = LitFichier(REPERTOIRE_SOURCES "/doc/exemples.ldif");
     AnnuaireEssai st;
     EXPECT_TRUE(DemarreAnnuaire(&st, s_Exemples)) << st.s_Erreur;
-    ArreteAnnuaire(&st);
+    ArreteServeur(&st);
     for (const char *pc : {"LMTP", "LISTE", "LISTE-BR", "LISTE-MU", "SYMPA", "SYMPA-BOUNCE", "NULL", "ATTENTE"})
         EXPECT_NE(s_Exemples.find(std::string("\nravokVixRemise: ") + pc + "\n"), std::string::npos) << pc;
 }
