@@ -18,6 +18,8 @@
 
 namespace {
 
+using namespace std::string_literals;  // "..."s keeps the NUL bytes of a literal
+
 using Liste = std::vector<std::string>;
 const std::string PROG = CHEMIN_REMISE_VORANE_ESSAI;
 const std::string EMETTEUR = "k@dept.vorane.example", EXTERNE = "ext@partenaire.test";
@@ -134,7 +136,8 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
 // What the list's command makes of the run: a temporary status is a retry
 // (75); any other failure, death by a signal included, sends the sender a
 // notice that quotes the command, each quoted item on its own line, and ends
-// with 0.
+// with 0.  The one recipient's body goes from standard input straight to the
+// command, a NUL byte included.
 TEST_F(Diffusion, StatutsDeLaCommande) {
     const struct {
         int i_Statut;  // of the list's command; -n: killed by signal n
@@ -144,11 +147,12 @@ TEST_F(Diffusion, StatutsDeLaCommande) {
         SCOPED_TRACE(c.i_Statut);
         Capture cap;
         cap.StatutAppel(1, c.i_Statut);
-        ResultatProcessus r = Lance({"liste@vorane.example"}, Message());
+        ResultatProcessus r = Lance({"liste@vorane.example"}, Message() + "nul\0ici\n"s);
         EXPECT_EQ(r.i_Statut, c.i_Attendu) << r.s_Erreur;
         EXPECT_NE(r.s_Erreur.find("v1.1.0/1891: Erreur sur pclose <exec "), std::string::npos);
         std::vector<Appel> a = cap.Appels();
         ASSERT_EQ(a.size(), c.i_Attendu == 0 ? 2u : 1u);
+        EXPECT_TRUE(a[0].s_Entree.ends_with("\nfin\nnul\0ici\n"s));
         if (a.size() == 2) {
             const std::string s_Avis = a[1].s_Entree.substr(a[1].s_Entree.find("\n\n"));
             EXPECT_NE(a[1].s_Entree.find("Non remis (incident)"), std::string::npos);
