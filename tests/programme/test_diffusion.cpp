@@ -37,6 +37,8 @@ const std::string ENTREES =
            "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
            "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
     Entree("vide", "LISTE-BR") + Entree("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
+    Entree("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
+                             "ravokVixMembres: M1@A.example\n") +
     Entree("sympa", "SYMPA") + Entree("rebonds", "SYMPA-BOUNCE") +
     EntreeLdif("uid=ext", "objectClass: inetOrgPerson\nuid: ext\ncn: Jean Externe\nsn: E\nmail: " + EXTERNE + "\n");
 
@@ -94,7 +96,8 @@ std::string ApresTrace(const std::string &s) {
 
 // A list as stored (sorted by domain, its bounce address as sender), a list
 // without members, an unknown list kind (its notice), a Sympa list, a Sympa
-// bounce list and a mailbox in one run: the body is read once and each
+// bounce list, a list expanded through a nested one without duplicates in
+// any case (the message's sender as bounce address) and a mailbox in one run: the body is read once and each
 // delivery gets it whole, with the list's Reply-To in place of the message's,
 // also in the one LMTP transaction after the loop;
 // the Sympa programs get the list address and the first To address.
@@ -105,7 +108,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
                              false);
     ResultatProcessus r = Lance({"liste@vorane.example", "vide@vorane.example",
                                  "fax@vorane.example", "sympa@vorane.example", "rebonds@vorane.example",
-                                 "boite@vorane.example"},
+                                 "mu@vorane.example", "boite@vorane.example"},
                                 Message("Reply-to: ailleurs@partenaire.test\n"
                                         "To: Liste <sympa@vorane.example>, autre@x.example\n"),
                                 st_Lmtp.Designation());
@@ -114,7 +117,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
                               "'ravokVixRemise=LISTE-FAX'. "),
               std::string::npos);
     std::vector<Appel> a = cap.Appels();
-    ASSERT_EQ(a.size(), 4u) << r.s_Erreur;
+    ASSERT_EQ(a.size(), 5u) << r.s_Erreur;
     EXPECT_EQ(a[0].v_Argv, (Liste{CAPTURE, "-i", "-f", "bounce@vorane.example", "--", "m1@a.example",
                                   "m2@b.example"}));
     const std::string s_Tete = "From: \"k@dept.vorane.example\"\n\t<k@dept.vorane.example>\n"
@@ -124,11 +127,13 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
     EXPECT_NE(a[1].s_Entree.find("Subject: Non remis (incident) : diffusion \n"), std::string::npos);
     EXPECT_EQ(a[2].v_Argv, (Liste{CAPTURE, "sympa@vorane.example"}));
     EXPECT_EQ(a[3].v_Argv, (Liste{CAPTURE, "sympa@vorane.example"}));
+    EXPECT_EQ(a[4].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "M1@A.example", "m2@b.example",
+                                  "x@c.example"}));
     const std::string s_Attendu =
         "Received: from poste by relais\nMessage-ID: <d-1@vorane.example>\n"
         "Subject: diffusion\nReply-To: liste@vorane.example\n"
         "To: Liste <sympa@vorane.example>, autre@x.example\n\ncorps\n.\n..x\nfin\n";
-    for (int i : {0, 2, 3}) EXPECT_EQ(ApresTrace(a[i].s_Entree), s_Attendu);
+    for (int i : {0, 2, 3, 4}) EXPECT_EQ(ApresTrace(a[i].s_Entree), s_Attendu);
     EXPECT_EQ(ApresTrace(DonneesRecues(st_Lmtp.Recu())), s_Attendu + "\n");
 
 }
