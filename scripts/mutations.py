@@ -11,6 +11,8 @@ At the end the score is printed: caught / applied.
     python3 scripts/mutations.py            # every fault
     python3 scripts/mutations.py M07 M12    # some of them
     python3 scripts/mutations.py --liste    # the faults, without running
+    python3 scripts/mutations.py --matrice  # every test for every fault, and
+                                            # which ones caught it
 
 Format of scripts/mutations.txt, one fault per block separated by a blank
 line ('#' lines are comments):
@@ -24,7 +26,9 @@ line ('#' lines are comments):
 
 "avant" must occur exactly once in the file; a "¶" in "avant" or "apres"
 stands for a line end (the next line follows it with its indentation);
-"tests" is a ctest regular expression.  Not part of CI: a full run takes about an hour.
+"tests" is a ctest regular expression.  Not part of CI: a full run takes
+about ten minutes, about an hour with --matrice.  The matrix shows which
+tests catch a fault that no other test catches, and which catch none alone.
 """
 import os
 import re
@@ -78,11 +82,15 @@ def copie_arbre():
             shutil.copy(source, cible)
 
 
-def lance(commande, limite=1800):
-    """Runs a command; its exit status (124 on a time-out)."""
+def lance(commande, limite=1800, sortie=None):
+    """Runs a command; its exit status (124 on a time-out).  With a list as
+    sortie, its standard output is added to it."""
     try:
-        return subprocess.run(commande, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              timeout=limite).returncode
+        r = subprocess.run(commande, stdout=subprocess.PIPE if sortie is not None else subprocess.DEVNULL,
+                           stderr=subprocess.DEVNULL, timeout=limite, text=True, errors="replace")
+        if sortie is not None:
+            sortie.append(r.stdout)
+        return r.returncode
     except subprocess.TimeoutExpired:
         return 124
 
@@ -91,8 +99,9 @@ def construit():
     return lance(["ninja", "-C", CONSTRUCTION])
 
 
-def essaie(faute):
-    """Applies one fault, builds, runs its tests, restores: the verdict."""
+def essaie(faute, matrice=False):
+    """Applies one fault, builds, runs its tests (every test with matrice),
+    restores: the verdict, with matrice followed by the tests that failed."""
     chemin = os.path.join(COPIE, faute["fichier"])
     with open(chemin, encoding="utf-8", errors="surrogateescape") as f:
         texte = f.read()
@@ -103,9 +112,15 @@ def essaie(faute):
     try:
         if construit() != 0:
             return "attrapee (ne compile plus)"
-        statut = lance(["ctest", "--test-dir", CONSTRUCTION, "-j2", "--timeout", "120",
-                        "-R", faute["tests"]])
-        return "attrapee" if statut != 0 else "MANQUEE"
+        sortie = []
+        statut = lance(["ctest", "--test-dir", CONSTRUCTION, "--timeout", "120"] +
+                       (["-j16"] if matrice else ["-j2", "-R", faute["tests"]]), sortie=sortie)
+        verdict = "attrapee" if statut != 0 else "MANQUEE"
+        if matrice:
+            # ctest names each failed test as "  7 - Suite.Test (Failed)".
+            echecs = re.findall(r"^\s*\d+ - (\S+) \(", sortie[0], re.M)
+            verdict += " par: " + " ".join(sorted(echecs))
+        return verdict
     finally:
         with open(chemin, "w", encoding="utf-8", errors="surrogateescape") as f:
             f.write(texte)
@@ -131,7 +146,7 @@ def main():
     attrapees, appliquees = 0, 0
     for f in fautes:
         debut = time.time()
-        verdict = essaie(f)
+        verdict = essaie(f, "--matrice" in sys.argv)
         if verdict != "introuvable":
             appliquees += 1
             attrapees += verdict.startswith("attrapee")
