@@ -2,6 +2,7 @@
 #include "processus.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -9,9 +10,11 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <fstream>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,9 +38,8 @@ bool LitDisponible(int i_Fd, std::string &s) {
 ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const std::string &s_Entree,
                                  int i_LimiteSecondes, const std::vector<std::string> &v_Env,
                                  bool b_EntreeOuverte) {
-    ResultatProcessus r;
     int t_In[2], t_Out[2], t_Err[2];
-    if (pipe2(t_In, O_CLOEXEC) || pipe2(t_Out, O_CLOEXEC) || pipe2(t_Err, O_CLOEXEC)) return r;
+    if (pipe2(t_In, O_CLOEXEC) || pipe2(t_Out, O_CLOEXEC) || pipe2(t_Err, O_CLOEXEC)) return {};
 
     std::vector<std::string> v_Env2;
     for (char **pp = environ; *pp != nullptr; pp++) v_Env2.emplace_back(*pp);
@@ -61,41 +63,57 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
         execve(v_A[0], v_A.data(), v_E.data());
         _exit(127);
     }
-    r.i_Pid = pid;
     close(t_In[0]);
     close(t_Out[1]);
     close(t_Err[1]);
-    fcntl(t_In[1], F_SETFL, O_NONBLOCK);
+    return SuitProcessus(pid, t_In[1], s_Entree, t_Out[0], t_Err[0], i_LimiteSecondes, b_EntreeOuverte);
+}
 
+ResultatProcessus SuitProcessus(pid_t i_Pid, int i_In, const std::string &s_Entree, int i_Out,
+                                int i_Err, int i_LimiteSecondes, bool b_EntreeOuverte) {
+    ResultatProcessus r;
+    r.i_Pid = i_Pid;
+    if (i_In >= 0) fcntl(i_In, F_SETFL, O_NONBLOCK);
     auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
     std::size_t t_Ecrit = 0;
     // The input is closed once written, or kept (never written again) for a
     // sender that stalls.
-    int i_In = t_In[1], i_InGarde = -1;
+    int i_InGarde = -1;
     auto FinEntree = [&] {
         if (b_EntreeOuverte) i_InGarde = i_In;
         else close(i_In);
         i_In = -1;
     };
-    if (s_Entree.empty()) FinEntree();
-    bool b_Out = true, b_Err = true;
+    if (i_In >= 0 && s_Entree.empty()) FinEntree();
     void (*p_Ancien)(int) = signal(SIGPIPE, SIG_IGN);
-    while (b_Out || b_Err) {
+    int i_Etat = 0;
+    struct rusage st_Usage = {};
+    for (;;) {
+        // With its output read to the end, only the child's own end is awaited.
+        const bool b_Lus = i_Out < 0 && i_Err < 0;
+        if (b_Lus) {
+            pid_t w = wait4(i_Pid, &i_Etat, WNOHANG, &st_Usage);
+            if (w == i_Pid || (w < 0 && errno != EINTR)) break;
+        }
         auto t_Reste = std::chrono::duration_cast<std::chrono::milliseconds>(
             t_Fin - std::chrono::steady_clock::now());
         if (t_Reste.count() <= 0) {
-            kill(pid, SIGKILL);
+            kill(i_Pid, SIGKILL);
             r.b_Expire = true;
+            while (wait4(i_Pid, &i_Etat, 0, &st_Usage) < 0 && errno == EINTR) {
+            }
             break;
         }
         // poll skips the descriptors already done (negative).
-        pollfd t_P[3] = {{b_Out ? t_Out[0] : -1, POLLIN, 0}, {b_Err ? t_Err[0] : -1, POLLIN, 0},
-                         {i_In, POLLOUT, 0}};
-        int i_Res = poll(t_P, 3, static_cast<int>(std::min<long>(t_Reste.count(), 1000)));
-        if (i_Res < 0 && errno != EINTR) break;
+        pollfd t_P[3] = {{i_Out, POLLIN, 0}, {i_Err, POLLIN, 0}, {i_In, POLLOUT, 0}};
+        int i_Res = poll(t_P, 3, static_cast<int>(std::min<long>(t_Reste.count(), b_Lus ? 5 : 1000)));
+        if (i_Res < 0 && errno != EINTR) t_Fin = std::chrono::steady_clock::now();
         if (i_Res <= 0) continue;
-        if (t_P[0].revents) b_Out = LitDisponible(t_Out[0], r.s_Sortie);
-        if (t_P[1].revents) b_Err = LitDisponible(t_Err[0], r.s_Erreur);
+        for (auto [i, ps] : {std::pair{0, &r.s_Sortie}, {1, &r.s_Erreur}})
+            if (t_P[i].revents && !LitDisponible(t_P[i].fd, *ps)) {
+                close(t_P[i].fd);
+                (i == 0 ? i_Out : i_Err) = -1;
+            }
         if (t_P[2].revents) {
             ssize_t w = write(i_In, s_Entree.data() + t_Ecrit, s_Entree.size() - t_Ecrit);
             if (w > 0) t_Ecrit += static_cast<std::size_t>(w);
@@ -104,18 +122,28 @@ ResultatProcessus LanceProgramme(const std::vector<std::string> &v_Argv, const s
         }
     }
     signal(SIGPIPE, p_Ancien);
-    if (i_In >= 0) close(i_In);
-    if (i_InGarde >= 0) close(i_InGarde);
-    close(t_Out[0]);
-    close(t_Err[0]);
-    int i_Etat = 0;
-    struct rusage st_Usage = {};
-    while (wait4(pid, &i_Etat, 0, &st_Usage) < 0 && errno == EINTR) {
-    }
+    for (int i_Fd : {i_In, i_InGarde, i_Out, i_Err})
+        if (i_Fd >= 0) close(i_Fd);
     r.l_MemoireMaxKo = st_Usage.ru_maxrss;
     if (WIFEXITED(i_Etat)) r.i_Statut = WEXITSTATUS(i_Etat);
     if (WIFSIGNALED(i_Etat)) r.i_Signal = WTERMSIG(i_Etat);
     return r;
+}
+
+int SocketLocale(int *pi_Port, int i_Attente) {
+    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in st{};
+    st.sin_family = AF_INET;
+    st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t t = sizeof st;
+    if (i_Fd < 0 || bind(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0 ||
+        getsockname(i_Fd, reinterpret_cast<sockaddr *>(&st), &t) != 0 ||
+        (i_Attente >= 0 && listen(i_Fd, i_Attente) != 0)) {
+        if (i_Fd >= 0) close(i_Fd);
+        return -1;
+    }
+    *pi_Port = ntohs(st.sin_port);
+    return i_Fd;
 }
 
 std::vector<std::string> FichiersCommencantPar(const std::string &s_Repertoire,

@@ -1,16 +1,11 @@
 // serveur_lmtp.cpp - scripted LMTP server and child runner (see serveur_lmtp.h).
 #include "serveur_lmtp.h"
 
-#include <arpa/inet.h>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -82,41 +77,6 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
     }
 }
 
-// Reads a descriptor to its end into the text, up to the deadline.
-void LitJusquaFin(int i_Fd, std::string &s, std::chrono::steady_clock::time_point t_Fin) {
-    char pc[65536];
-    for (;;) {
-        auto t_Reste = std::chrono::duration_cast<std::chrono::milliseconds>(
-            t_Fin - std::chrono::steady_clock::now());
-        if (t_Reste.count() <= 0) return;
-        pollfd st = {i_Fd, POLLIN, 0};
-        int r = poll(&st, 1, static_cast<int>(t_Reste.count()));
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return;
-        ssize_t n = read(i_Fd, pc, sizeof pc);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;
-        s.append(pc, static_cast<std::size_t>(n));
-    }
-}
-
-// Waits for the child until the deadline, killing it then; its status.
-int AttendAvecLimite(int i_Pid, std::chrono::steady_clock::time_point t_Fin, bool *pb_Expire) {
-    int i_Etat = 0;
-    for (;;) {
-        int r = waitpid(i_Pid, &i_Etat, WNOHANG);
-        if (r == i_Pid) return i_Etat;
-        if (r < 0 && errno != EINTR) return -1;
-        if (std::chrono::steady_clock::now() > t_Fin) {
-            kill(i_Pid, SIGKILL);
-            *pb_Expire = true;
-            waitpid(i_Pid, &i_Etat, 0);
-            return i_Etat;
-        }
-        usleep(5000);
-    }
-}
-
 }  // namespace
 
 EtapeLmtp Rep(const std::string &s_Texte) {
@@ -140,14 +100,9 @@ ServeurLmtpEssai::ServeurLmtpEssai(std::vector<EtapeLmtp> v_Script, bool b_Unix)
         strncpy(st.sun_path, s_Designation.c_str(), sizeof st.sun_path - 1);
         bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st), sizeof st);
     } else {
-        i_Ecoute = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in st = {};
-        st.sin_family = AF_INET;
-        st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st), sizeof st);
-        socklen_t t = sizeof st;
-        getsockname(i_Ecoute, reinterpret_cast<sockaddr *>(&st), &t);
-        s_Designation = "127.0.0.1:" + std::to_string(ntohs(st.sin_port));
+        int i_Port = 0;
+        i_Ecoute = SocketLocale(&i_Port);
+        s_Designation = "127.0.0.1:" + std::to_string(i_Port);
     }
     listen(i_Ecoute, 4);
     i_Pid = fork();
@@ -166,12 +121,8 @@ ServeurLmtpEssai::~ServeurLmtpEssai() {
 }
 
 std::string ServeurLmtpEssai::Recu(int i_LimiteSecondes) {
-    if (i_Pid > 0) {
-        bool b_Expire = false;
-        AttendAvecLimite(i_Pid, std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes),
-                         &b_Expire);
-        i_Pid = -1;
-    }
+    if (i_Pid > 0) SuitProcessus(i_Pid, -1, "", -1, -1, i_LimiteSecondes);
+    i_Pid = -1;
     return LitFichier(s_FichierRecu);
 }
 
@@ -215,9 +166,8 @@ FILE *FluxOctets(const std::string &s_Octets) {
 }
 
 ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_LimiteSecondes) {
-    ResultatEnfant r;
     int t_Err[2], t_Ret[2];
-    if (pipe(t_Err) != 0 || pipe(t_Ret) != 0) return r;
+    if (pipe(t_Err) != 0 || pipe(t_Ret) != 0) return {};
     fflush(stdout);
     fflush(stderr);
     pid_t i_Pid = fork();
@@ -234,15 +184,5 @@ ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_Limite
     }
     close(t_Err[1]);
     close(t_Ret[1]);
-    auto t_Fin = std::chrono::steady_clock::now() + std::chrono::seconds(i_LimiteSecondes);
-    // Standard error first: it can be long (a report per attempt), while
-    // the returned text is short and fits the pipe until the child ends.
-    LitJusquaFin(t_Err[0], r.s_Erreur, t_Fin);
-    LitJusquaFin(t_Ret[0], r.s_Retour, t_Fin);
-    close(t_Ret[0]);
-    close(t_Err[0]);
-    int i_Etat = AttendAvecLimite(i_Pid, t_Fin, &r.b_Expire);
-    if (WIFEXITED(i_Etat)) r.i_Statut = WEXITSTATUS(i_Etat);
-    if (WIFSIGNALED(i_Etat)) r.i_Signal = WTERMSIG(i_Etat);
-    return r;
+    return SuitProcessus(i_Pid, -1, "", t_Ret[0], t_Err[0], i_LimiteSecondes);
 }

@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "processus.h"
+
 struct EtapeLmtp {
     enum Action { Repondre, Fermer, Bloquer };
     Action e_Action = Repondre;
@@ -73,12 +75,6 @@ struct Entete;
 Entete *ListeLignes(const std::vector<std::string> &v_Lignes);
 FILE *FluxOctets(const std::string &s_Octets);
 
-struct ResultatEnfant {
-    int i_Statut = -1;    // exit status, or -1 when ended by a signal
-    int i_Signal = 0;     // signal that ended it
-    bool b_Expire = false;
-    std::string s_Erreur;  // standard error
-    std::string s_Retour;  // what the callable returned
-};
-
+// What the callable returned is in s_Sortie.
+using ResultatEnfant = ResultatProcessus;
 ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_LimiteSecondes = 30);

@@ -61,23 +61,6 @@ int ValeurEntiere(const SortieServeurs &r, const std::string &s_Nom) {
 
 namespace {
 
-// Socket bound to 127.0.0.1 on any free port, listening when asked; its
-// port in *pi_Port.  -1 on failure.
-int SocketLocale(int *pi_Port) {
-    int i_Fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in st{};
-    st.sin_family = AF_INET;
-    st.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t t = sizeof st;
-    if (i_Fd < 0 || bind(i_Fd, reinterpret_cast<sockaddr *>(&st), sizeof st) != 0 ||
-        getsockname(i_Fd, reinterpret_cast<sockaddr *>(&st), &t) != 0) {
-        if (i_Fd >= 0) close(i_Fd);
-        return -1;
-    }
-    *pi_Port = ntohs(st.sin_port);
-    return i_Fd;
-}
-
 // The sanitizer options of this process (a sanitizer build's test run) as
 // NAME=VALUE arguments of env, without their log_path: the pipe gives the
 // command only LANG, PATH and MAIL_CONFIG, and its user may not write where
@@ -134,8 +117,8 @@ bool DemarreServeurMuet(ServeurMuet *pst, ModeMuet e_Mode) {
     // connection, which the fixture takes itself in ModeMuet::FilePleine;
     // the kernel then drops every new SYN.
     const bool b_Plein = e_Mode == ModeMuet::FilePleine;
-    pst->i_Ecoute = SocketLocale(&pst->i_Port);
-    if (pst->i_Ecoute < 0 || listen(pst->i_Ecoute, b_Plein ? 0 : 16) != 0) return false;
+    pst->i_Ecoute = SocketLocale(&pst->i_Port, b_Plein ? 0 : 16);
+    if (pst->i_Ecoute < 0) return false;
     pst->s_Hote = "127.0.0.1:" + std::to_string(pst->i_Port);
     if (!b_Plein) return true;
     pst->i_Bouchon = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);

@@ -14,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -254,14 +253,11 @@ TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
 // A store that fails is tried three times, then 75.
 TEST_F(Remise, AttenteEtStockageInjoignable) {
     // A store that closes every connection it is offered, counting them.
-    int i_Ecoute = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in st_Adr = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t t_Adr = sizeof st_Adr;
-    ASSERT_EQ(bind(i_Ecoute, reinterpret_cast<sockaddr *>(&st_Adr), t_Adr), 0);
-    ASSERT_EQ(listen(i_Ecoute, 8) | getsockname(i_Ecoute, reinterpret_cast<sockaddr *>(&st_Adr), &t_Adr), 0);
+    int i_Port = 0, i_Ecoute = SocketLocale(&i_Port, 8);
+    ASSERT_GE(i_Ecoute, 0);
     std::atomic<int> i_Connexions = 0;
     std::thread th([&] { for (int i; (i = accept(i_Ecoute, nullptr, nullptr)) >= 0; close(i)) i_Connexions++; });
-    const std::string s_Hote = "127.0.0.1:" + std::to_string(ntohs(st_Adr.sin_port));
+    const std::string s_Hote = "127.0.0.1:" + std::to_string(i_Port);
     ResultatProcessus r = Lance({"-r", s_Hote}, "ext@partenaire.test", {"alice@vorane.example",
                                 "attente@vorane.example", "inconnu@vorane.example"}, Message());
     EXPECT_EQ(r.i_Statut, 75);

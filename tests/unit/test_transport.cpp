@@ -96,7 +96,7 @@ TEST(Lmtp, TransparenceDesDonnees) {
         SCOPED_TRACE(b_Flux ? "flux" : "liste");
         ServeurLmtpEssai srv({ACCUEIL, OK, OK, GO, OK, Rep("221 bye\r\n")}, false);
         e.b_Flux = b_Flux;
-        EXPECT_EQ(Tente(srv.Designation(), e).s_Retour, "0");
+        EXPECT_EQ(Tente(srv.Designation(), e).s_Sortie, "0");
         bool b_Terminee = false;
         EXPECT_TRUE(DonneesRecues(srv.Recu(), &b_Terminee) ==
                     "From: a@b.example\nreturn-path: <z@y>\n.Bizarre: x\n\n" + e.s_Corps + "\n");
@@ -155,7 +155,7 @@ TEST(Lmtp, IssuesDuDialogue) {
         for (int i = 1; i < c.i_Boites; i++) e.v_Boites.push_back("b"), e.v_Adresses.push_back("b@x");
         if (c.pc_Err && strstr(c.pc_Err, "1531")) e.s_Corps.assign(8 << 20, 'x');  // beyond any socket buffer
         ResultatEnfant r = Tente(srv.Designation(), e);
-        EXPECT_EQ(r.i_Statut == 75 ? "75" : r.s_Retour, c.s_Retour) << r.s_Erreur;
+        EXPECT_EQ(r.i_Statut == 75 ? "75" : r.s_Sortie, c.s_Retour) << r.s_Erreur;
         std::size_t p = r.s_Erreur.find(" !ERR:");
         EXPECT_EQ(p, c.pc_Err ? r.s_Erreur.find(std::string(" !ERR:") + c.pc_Err) : std::string::npos) << r.s_Erreur;
         EXPECT_EQ(r.s_Erreur.find(" !ERR:", p + 1), std::string::npos);
@@ -178,7 +178,7 @@ TEST(Lmtp, TousRefuses) {
     Essai e;
     e.v_Boites = {"plein", "inconnu", "x>\nrcpt to:<victime", "tard"};
     e.v_Adresses = {"plein@v.example", "inconnu@v.example", "pirate@v.example", "tard@v.example"};
-    EXPECT_EQ(Tente(srv.Designation(), e).s_Retour,
+    EXPECT_EQ(Tente(srv.Designation(), e).s_Sortie,
               "0|Les destinataires suivants n'ont pas recu votre message:\n\n"
               "Destinataire <plein@v.example>, r\xe9ponse du serveur :\n"
               "Bo\xeete pleine, message refus\xe9 ...\n"
