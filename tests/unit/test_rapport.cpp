@@ -41,6 +41,8 @@ TEST(Rapport, NiveauxQuiRendentLaMainEtLeurDump) {
     Entete et_O2 = {pc_Vide, nullptr}, et_O1 = {pc_O1, &et_O2}, et_T0 = {pc_T0, &et_O1};
     char pc_D1[] = "a@x.fr", pc_D2[] = "b@y.fr", *tpc_Dest[] = {pc_D1, pc_D2, nullptr};
     gtpc_RcptTo = tpc_Dest;
+    for (const char *pc : {"ERR", "ATT"})  // left by an earlier process of the same id
+        for (const std::string &s : Dumps(pc)) unlink(s.c_str());
     ::testing::internal::CaptureStderr();
     TraitementErreur(-3, "v1.1.0/3: inconnu");
     EXPECT_TRUE(Dumps("ERR").empty());

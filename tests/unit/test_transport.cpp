@@ -167,7 +167,7 @@ TEST(Lmtp, IssuesDuDialogue) {
 // reply as received, no DATA, result 0.  The marker of a mailbox exists when
 // its command arrives (the server refuses with 599 otherwise).
 TEST(Lmtp, TousRefuses) {
-    const std::string s_Temoin = std::string(RACINE_SPOOL_ESSAI) + "Remises/plein";
+    const std::string s_Temoin = std::string(RACINE_SPOOL_ESSAI) + "Remises/quota";
     unlink(s_Temoin.c_str());
     EtapeLmtp st_Quota;
     st_Quota.f_Reponse = [s_Temoin](const std::string &) {
@@ -176,7 +176,7 @@ TEST(Lmtp, TousRefuses) {
     ServeurLmtpEssai srv({ACCUEIL, OK, st_Quota, Rep("550 5.1.1 User unknown\r\n"), Rep("451 4.2.0 later\r\n")},
                          false);
     Essai e;
-    e.v_Boites = {"plein", "inconnu", "x>\nrcpt to:<victime", "tard"};
+    e.v_Boites = {"quota", "inconnu", "x>\nrcpt to:<victime", "tard"};
     e.v_Adresses = {"plein@v.example", "inconnu@v.example", "pirate@v.example", "tard@v.example"};
     EXPECT_EQ(Tente(srv.Designation(), e).s_Sortie,
               "0|Les destinataires suivants n'ont pas recu votre message:\n\n"
@@ -187,7 +187,7 @@ TEST(Lmtp, TousRefuses) {
               "Destinataire <pirate@v.example>, r\xe9ponse du serveur :\n"
               "Adresse de bo\xeete aux lettres non valable\n\n"
               "Destinataire <tard@v.example>, r\xe9ponse du serveur :\n451 4.2.0 later\r\n\n");
-    EXPECT_EQ(srv.Recu(), "mail from:<emetteur@ext.example>\nrcpt to:<plein>\nrcpt to:<inconnu>\nrcpt to:<tard>\n");
+    EXPECT_EQ(srv.Recu(), "mail from:<emetteur@ext.example>\nrcpt to:<quota>\nrcpt to:<inconnu>\nrcpt to:<tard>\n");
 }
 
 const Liste ENTETE = {"From: a@b.example\n", "\n"};
