@@ -1,5 +1,5 @@
-// Message unit: jokers, bounded copy, sorting, header reading and lookups,
-// addresses read and written, and the alarm guard.
+// Message unit: jokers, sorting, header reading and lookups, addresses
+// read, and the alarm guard.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -29,13 +29,6 @@ TEST(Joker, Table) {
     std::string s_Motif;
     for (int i = 0; i < 30; i++) s_Motif += "*a";
     EXPECT_EQ(_expjok((s_Motif + "b").c_str(), std::string(5000, 'a').c_str()), 0);
-}
-
-// Size 3 holds two characters and the NUL; the byte after is untouched.
-TEST(CopieBornee, TronqueEtTermine) {
-    char pc[5] = "xxxx";
-    EXPECT_EQ(_strncpy(pc, "abcdef", 3), 2);
-    EXPECT_EQ(std::string(pc, 4), std::string("ab\0x", 4));
 }
 
 // Sorted by the text from the last "@" on, in any case.
@@ -134,24 +127,6 @@ TEST(FetchAddress, BornesDesTampons) {
                 ::testing::ExitedWithCode(65), "v1.1.0/958: Buffer adresse trop petit \\(a+\\)");
     EXPECT_EXIT(FetchAddress("<x>abcdefgh", pc_A, sizeof pc_A, pc_P, sizeof pc_P),
                 ::testing::ExitedWithCode(65), "v1.1.0/979: Buffer phrase trop petit");
-}
-
-// An address that a reader could take for more than one is written as a
-// quoted string; nothing written when it does not fit.
-TEST(EcritAdresse, FormeEcrite) {
-    struct { const char *pc_Adresse, *pc_Ecrite; } t[] = {
-        {"a>, \"Boss\" <ceo@vorane.example", "\"a>, \\\"Boss\\\" <ceo\"@vorane.example"},
-        {"x\nReply-To:y@evil.example", "\"x Reply-To:y\"@evil.example"},
-        {"a@b@c.test", "\"a@b\"@c.test"},
-        {"x@partenaire.test\\", "\"x@partenaire.test\\\\\""},
-    };
-    char pc[TAILLE_TEXTE];
-    for (auto &c : t) {
-        EXPECT_EQ(EcritAdresse(c.pc_Adresse, pc, sizeof pc), static_cast<int>(strlen(c.pc_Ecrite)));
-        EXPECT_STREQ(pc, c.pc_Ecrite) << c.pc_Adresse;
-    }
-    EXPECT_EQ(EcritAdresse("a b@x", pc, 5), -1);
-    EXPECT_STREQ(pc, "");
 }
 
 // A guard of 0 s counts as 1 s; after the first alarm the handler re-arms
