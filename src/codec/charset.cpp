@@ -62,11 +62,6 @@ bool TexteAscii(const char *pc_Texte) {
     return true;
 }
 
-// Bounded copy (_strncpy) for a size_t buffer size.
-void CopieBornee(char *pc_Sortie, const char *pc_Source, std::size_t t_Taille) {
-    _strncpy(pc_Sortie, pc_Source, static_cast<std::uint32_t>(std::min<std::size_t>(t_Taille, UINT32_MAX)));
-}
-
 // The conversion shared by conv_jc and conv_jc2.
 char *Convertit(const char *pc_Source, const char *pc_CsSource, char *pc_Sortie,
                 const char *pc_CsCible, std::size_t t_Taille, const MessagesConversion &st) {

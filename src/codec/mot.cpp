@@ -39,12 +39,6 @@ struct Decodage {
     std::size_t t_Reste;
 };
 
-// Bounded copy (_strncpy) for a size_t buffer size.
-void CopieBornee(char *pc_Sortie, const char *pc_Source, std::size_t t_Taille) {
-    _strncpy(pc_Sortie, pc_Source,
-             static_cast<std::uint32_t>(std::min<std::size_t>(t_Taille, UINT32_MAX)));
-}
-
 // Converts one word's decoded bytes into the output; false on a failure that
 // calls for the unchanged copy (already reported).
 bool ConvertitMot(Decodage *pst, const char *pc_Charset, char *pc_Decode) {

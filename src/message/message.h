@@ -74,6 +74,10 @@ int EcritAdresse(const char *pc_Adresse, char *pc_Sortie, std::size_t t_Taille);
 int _expjok(const char *pc_Motif, const char *pc_Candidat);
 // Copies at most i_Taille - 1 characters, always terminated; returns the length.
 int _strncpy(char *pc_Dest, const char *pc_Source, std::uint32_t i_Taille);
+// The same for a size_t buffer size (sizes beyond 32 bits are capped).
+inline int CopieBornee(char *pc_Dest, const char *pc_Source, std::size_t t_Taille) {
+    return _strncpy(pc_Dest, pc_Source, t_Taille > UINT32_MAX ? UINT32_MAX : static_cast<std::uint32_t>(t_Taille));
+}
 // Case folding of ASCII letters, in place.
 void _minu(char *pc_Texte);
 void _maju(char *pc_Texte);
