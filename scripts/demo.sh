@@ -342,8 +342,12 @@ Subject: Proposition
 Madame, Monsieur,
 EOF
 
+# A reply of an earlier demonstration, less than a day ago, would hold this
+# one back: the demonstration's own frequency file goes first.
+frequence=/var/vorane/Absences/AvisAbs..claire..marie.curie@universite.example.org.txt
+rm -f "$frequence"
 exemple "une reponse automatique" \
-  "claire est absente: sa regle 20~ TOUT:x FREQ:1440 TEXTE:... repond au plus une fois par jour a chaque expediteur. Le message est depose dans sa boite; la reponse part de son nom et de son adresse d'emission, avec l'expediteur nul, vers l'expediteur du message." \
+  "claire est absente: sa regle 20~ TOUT:x FREQ:1440 TEXTE:... repond au plus une fois par jour a chaque expediteur. Le message est depose dans sa boite; la reponse part de son nom et de son adresse d'emission, avec l'expediteur nul, vers l'expediteur du message. (Le fichier de frequence d'une demonstration precedente est retire d'abord.)" \
   marie.curie@universite.example.org \
   claire@vorane.example <<EOF
 Return-Path: <marie.curie@universite.example.org>
@@ -355,7 +359,6 @@ Subject: Seminaire de janvier
 
 Bonjour Claire, seriez-vous disponible le 8 janvier ?
 EOF
-frequence=/var/vorane/Absences/AvisAbs..claire..marie.curie@universite.example.org.txt
 if [ -e "$frequence" ]; then
   echo "--- fichier de frequence: $frequence ($(stat -c %y "$frequence" | cut -c1-19))"
 else
