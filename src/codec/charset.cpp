@@ -11,9 +11,7 @@
 // See codec.h for the contracts.
 #include "codec/codec.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <iconv.h>
 #include <strings.h>
