@@ -145,8 +145,19 @@ int LanceCommande(char *const *tpc_Argv, Commande *pst) {
     posix_spawnattr_setsigdefault(&st_Attributs, &st_Defaut);
     posix_spawnattr_setsigmask(&st_Attributs, &st_Vide);
     posix_spawnattr_setflags(&st_Attributs, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    // The run's time budget kills the command in progress rather than let
+    // it see the end of a message that was not sent whole: its signal waits
+    // until the new command is known to it (ending the run between the
+    // spawn and that would close the pipe under a live command, which would
+    // submit an empty message).
+    sigset_t st_Budget, st_Avant;
+    sigemptyset(&st_Budget);
+    sigaddset(&st_Budget, SIGRTMIN);
+    sigprocmask(SIG_BLOCK, &st_Budget, &st_Avant);
     pid_t i_Pid = 0;
     int i_Err = posix_spawn(&i_Pid, tpc_Argv[0], &st_Actions, &st_Attributs, tpc_Argv, environ);
+    if (i_Err == 0) gi_PidCommandeEnCours = i_Pid;
+    sigprocmask(SIG_SETMASK, &st_Avant, nullptr);
     posix_spawn_file_actions_destroy(&st_Actions);
     posix_spawnattr_destroy(&st_Attributs);
     if (i_Err != 0) {
@@ -158,9 +169,6 @@ int LanceCommande(char *const *tpc_Argv, Commande *pst) {
     pst->i_Pid = i_Pid;
     pst->i_Fd = t_Entree[1];
     pst->i_Temoin = t_Entree[0];
-    // Known to the run's time budget, which kills it rather than let it
-    // see the end of a message that was not sent whole.
-    gi_PidCommandeEnCours = i_Pid;
     return 0;
 }
 
