@@ -69,10 +69,12 @@
 //   further batch is needed and a body stream is given, the body is loaded
 //   into the message once, before the first batch.  An address too long to
 //   fit a command on its own is refused (level -3, 1952) and skipped.
-//   A command that ends before reading its whole input is a temporary
-//   failure (level 2, 1893), whatever its exit status: it never counts as a
-//   delivery.  (This process keeps the read end of the command's input to
-//   count what was left unread, so no SIGPIPE reaches it.)
+//   A command that ends with status 0 before reading its whole input is a
+//   temporary failure (level 2, 1893): it never counts as a delivery.  A
+//   non-zero status is mapped as above whether or not the command read
+//   everything (a refusal stays a refusal).  (This process keeps the read
+//   end of the command's input to count what was left unread, so no
+//   SIGPIPE reaches it.)
 //   A body stream that fails to read stops the command (SIGKILL) before its
 //   input is closed, so that it never sends a cut message (level 2, 1847).
 //   Messages: 1826 (LOG_INFO), 1950 (LOG_NOTICE); reports: level 2 1835
