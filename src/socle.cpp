@@ -21,3 +21,4 @@ int gi_EmetteurZeldorBoite = 0;
 
 volatile sig_atomic_t gi_PidCommandeEnCours = 0;
 int gi_Explication = 0;
+int gi_DestinatairesEnSuspens = 0;

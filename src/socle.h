@@ -62,6 +62,14 @@ extern char gPc_MessageId[TAILLE_TEXTE];
 extern int gi_EmetteurZeldor;                   // sender found in the directory
 extern int gi_EmetteurZeldorBoite;              // sender entry is a mailbox
 
+// Set by the recipient loop while a report that ends the run would leave
+// other recipients of the run behind: a later one not yet looked at, or
+// mailboxes collected for the LMTP delivery.  A refusal (level 3) then goes
+// back to Postfix with its text (status 65), so that the sender learns of
+// every recipient, instead of a notice naming the one in hand and a status
+// 0 under which the others would be neither delivered nor named.
+extern int gi_DestinatairesEnSuspens;
+
 // Process id of the command in progress (0: none), killed when the run's
 // time budget is spent; set by whoever starts such a command.
 extern volatile sig_atomic_t gi_PidCommandeEnCours;

@@ -334,8 +334,10 @@ void BoucleDestinataires(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_
     for (int i_Rang = 1; i_Rang <= gi_nbDestLcmd; i_Rang++) {
         gpc_RcptTo = gtpc_RcptTo[i_Rang - 1];
         MajInfoMessEnCours(gPc_MessageId, i_Rang);
+        gi_DestinatairesEnSuspens = i_Rang < gi_nbDestLcmd || st_Lmtp.i_Nb > 0;
         TraiteDestinataire(pst_Options, pst_Analyse, &st_Lmtp);
     }
+    gi_DestinatairesEnSuspens = 0;
 
     st_Lmtp.tpc_Uid[st_Lmtp.i_Nb] = nullptr;
     st_Lmtp.tpc_Adresses[st_Lmtp.i_Nb] = nullptr;

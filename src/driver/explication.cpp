@@ -473,8 +473,10 @@ void Explique(OptionsRemise *pst_Options) {
     for (int i_Rang = 1; i_Rang <= gi_nbDestLcmd; i_Rang++) {
         gpc_RcptTo = gtpc_RcptTo[i_Rang - 1];
         MajInfoMessEnCours(gPc_MessageId, i_Rang);
+        gi_DestinatairesEnSuspens = i_Rang < gi_nbDestLcmd || st_Lmtp.i_Nb > 0;
         ExpliqueDestinataire(pst_Options, &st_Analyse, pc_Suffixe, i_Rang, &st_Lmtp);
     }
+    gi_DestinatairesEnSuspens = 0;
     ldapClose(&gld);
 
     ExpliqueTransaction(pst_Options, st_Lmtp);

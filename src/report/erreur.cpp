@@ -5,7 +5,10 @@
 // priority, writes the dump file once a header exists, and then, by level:
 //   <= 2   exit 75;
 //   3      incident notice and exit 0, or the message again on standard error
-//          and exit 65 (main server) / 0 (elsewhere);
+//          and exit 65 (main server) / 0 (elsewhere); while other recipients
+//          of the run are still to be delivered (gi_DestinatairesEnSuspens)
+//          no notice, the message on standard error and exit 65, so that
+//          Postfix returns the message for every recipient of the run;
 //   -3     as 3 without ending the process;
 //   >= 4   return.
 // Dump files: <spool>Erreurs/ERR.remise.<pid>.XXXXXX (levels up to 3) or
@@ -147,7 +150,10 @@ void ExpliqueSignalement(int i_Niveau, bool b_Poursuite, const char *pc_Message)
         printf("    -> remise reelle : arret, statut 75 (Postfix garde le message et le "
                "representera)\n");
     } else if (i_Niveau == NIVEAU_ERREUR) {
-        if (gi_OnEstSurServeurPrincipal && gpet_EnteteMess != nullptr && gpc_MailFrom != nullptr)
+        if (!b_Poursuite && gi_DestinatairesEnSuspens)
+            printf("    -> remise reelle : statut 65 (Postfix renvoie le message a l'expediteur avec "
+                   "ce texte, pour tous les destinataires : d'autres restent a remettre)\n");
+        else if (gi_OnEstSurServeurPrincipal && gpet_EnteteMess != nullptr && gpc_MailFrom != nullptr)
             printf("    -> remise reelle : avis \"Non remis (incident)\" a l'expediteur%s\n",
                    pc_Suite);
         else if (!gi_OnEstSurServeurPrincipal)
@@ -221,6 +227,10 @@ void TraitementErreur(int i_Niveau, const char *pc_Format, ...) {
 
     // 8. Refusal: notice to the sender, or the text for Postfix's bounce.
     bool b_AvisPose = false;
+    if (i_Niveau == NIVEAU_ERREUR && !b_Poursuite && gi_DestinatairesEnSuspens) {
+        fprintf(stderr, "%s\n", pc_Message);
+        FinProcessus(STATUT_REFUS);
+    }
     if (i_Niveau == NIVEAU_ERREUR) {
         int i_AvantAvis = si_ErreurEnCours;
         int i_Avis = AvisIncident(pc_Message, pc_NomDump);

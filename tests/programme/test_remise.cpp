@@ -66,7 +66,8 @@ const std::string ENTREES =
     Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\n") +
     Boite("carole", "LMTP-cyrus", "cn: Carole\n") + Boite("nul", "NULL", "cn: Nul\n") +
     Boite("attente", "ATTENTE", "cn: A\n") + Boite("bizarre", "FAX", "cn: B\n") +
-    Boite("boite", "LMTP", "cn: c\n") + Boite("b2", "LMTP", "cn: c\n") + Boite("b3", "LMTP", "cn: c\n") +
+    Boite("boite", "LMTP", "cn: c\n") + Boite("double", "LMTP", "cn: c\n") +
+    EntreeLdif("uid=double2", "objectClass: inetOrgPerson\nuid: double2\ncn: D\nsn: D\nmail: double@vorane.example\n") + Boite("b2", "LMTP", "cn: c\n") + Boite("b3", "LMTP", "cn: c\n") +
     EntreeListe("sansuid", "LMTP") +
     EntreeLdif("uid=sansremise",
                "objectClass: inetOrgPerson\nuid: sansremise\ncn: S\nsn: S\nmail: sansremise@vorane.example\n") +
@@ -304,6 +305,30 @@ TEST_F(Remise, AttenteEtStockageInjoignable) {
     EXPECT_EQ(r.i_Statut, 75);
     EXPECT_EQ(i_Connexions, 3);
     EXPECT_NE(r.s_Erreur.find(" !ERR:2, v1.1.0/4549: Trop d'essais Remise_LMTP sur " + s_Hote), std::string::npos);
+}
+
+// A recipient with two directory entries ends the run.  While other
+// recipients are still to be delivered (a mailbox collected before it, or a
+// later recipient) a notice naming it and a status 0 would lose them: the
+// message goes back to Postfix with the report (65), for all of them, with
+// no notice and no LMTP delivery (none could be made at /nulle/part).  Alone,
+// it gets its notice and the run ends with 0.
+TEST_F(Avis, RefusQuiLaisseDAutresDestinataires) {
+    const struct {
+        Liste v_Dest;
+        int i_Statut;
+        std::size_t t_Avis;
+    } t[] = {{{"alice@vorane.example", "double@vorane.example"}, 65, 0},
+             {{"double@vorane.example", "nul@vorane.example"}, 65, 0},
+             {{"double@vorane.example"}, 0, 1}};
+    for (const auto &c : t) {
+        SCOPED_TRACE(c.v_Dest[0] + " " + std::to_string(c.v_Dest.size()));
+        Capture cap;
+        ResultatProcessus r = Lance({"-r", "/nulle/part"}, "ext@partenaire.test", c.v_Dest, Message());
+        EXPECT_EQ(r.i_Statut, c.i_Statut) << r.s_Erreur;
+        EXPECT_EQ(cap.Appels().size(), c.t_Avis) << r.s_Erreur;
+        EXPECT_NE(r.s_Erreur.find(" !ERR:3, v1.1.0/2618: "), std::string::npos) << r.s_Erreur;
+    }
 }
 
 // Bad input never crashes the program nor ends it with 0 unless the store
