@@ -14,7 +14,7 @@
 // The data phase sends large gathered writes: long runs of the header and
 // body go out from where they lie, short ones (header lines, the extra "."
 // of a doubled dot, lines between dot lines) are gathered in a staging area;
-// the body is streamed in 64 KiB pieces and never held whole, so memory
+// the body is streamed in 256 KiB pieces and never held whole, so memory
 // stays flat whatever the message size.  The wire bytes are those of a
 // line-by-line sender.
 #include "transport/transport.h"
@@ -36,6 +36,7 @@
 #include <syslog.h>
 #include <time.h>
 #include <unistd.h>
+#include <string>
 #include <vector>
 
 #include "report/report.h"
@@ -579,6 +580,20 @@ ReponseLmtp ClasseReponseLmtp(const char *pc_Reponse) {
     return ReponseLmtp::Autre;
 }
 
+namespace {
+
+// Classifies a whole reply, gathered to its final line after the data: a
+// continued reply ("550-...") is complete there, and its code speaks as a
+// final line's would.
+ReponseLmtp ClasseReponseEntiere(const char *pc_Reponse) {
+    ReponseLmtp e = ClasseReponseLmtp(pc_Reponse);
+    if (e == ReponseLmtp::Autre && _expjok("5[0-9][0-9]-*", pc_Reponse) != 0)
+        return ReponseLmtp::Permanente;
+    return e;
+}
+
+}  // namespace
+
 // Splits the designation; see the header for the results.
 int AnalyseServeurLmtp(const char *pc_Designation, ServeurLmtp *pst) {
     *pst = ServeurLmtp{};
@@ -840,12 +855,14 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
                          i_Res, strerror(i_Res), gPc_InfoMessEnCours);
 
     // 11. One reply per accepted recipient, in the order of the recipient
-    // commands, all within the end-of-data limit.  A missing one leaves the
-    // store's state unknown: retry, at the risk of a second copy.
+    // commands, all within the end-of-data limit; every one is read before
+    // any is acted on.  A missing one leaves the store's state unknown:
+    // retry, at the risk of a second copy.
     Reception st_Rec;
     AssemblageReponse st_Rep;
     const struct timespec st_FinDonnees = Echeance(gi_DelaiFinDonnees);
-    bool b_Refuse = false;  // the message itself was refused: no QUIT
+    std::vector<std::string> v_Reponses;
+    bool b_UneRemise = false;  // some mailbox answered 250
     for (std::size_t k = 0; k < v_Acceptes.size(); k++) {
         i_Res = LitReponseEntiere(i_Fd, &st_Rec, &st_Rep, st_FinDonnees, gi_DelaiFinDonnees);
         if (i_Res != 0)
@@ -853,38 +870,43 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
                              "v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=%d "
                              "(%s). %s. Possibilite de depots repetes",
                              i_Res, strerror(i_Res), gPc_InfoMessEnCours);
-        e_Rep = ClasseReponseLmtp(st_Rep.Pc_Texte);
-        // The first reply speaks for the message: 250 goes on, a permanent
-        // failure is the message's refusal (reported to the sender, no
-        // QUIT), anything else (over quota included) retries it whole.
-        if (k == 0) {
-            if (e_Rep == ReponseLmtp::Permanente) {
-                TraitementErreur(NIVEAU_AVERTISSEMENT,
-                                 "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
-                                 st_Rep.Pc_Texte, gPc_InfoMessEnCours);
-                RapportFinDonnees(ppc_Rapport, st_Rep.Pc_Texte);
-                b_Refuse = true;
-            } else if (e_Rep != ReponseLmtp::Ok) {
-                close(i_Fd);
-                TraitementErreur(NIVEAU_CRITIQUE,
-                                 "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
-                                 st_Rep.Pc_Texte, gPc_InfoMessEnCours);
-            }
-            continue;
-        }
-        // A later recipient answered anything but 250 did not get the
-        // message, and the sender is told as for a refused recipient
-        // command.  A temporary failure (4xx) or a reply that makes no sense
-        // counts the same: the exit status speaks for every recipient at
-        // once, so a retry for this one would deliver the message again to
-        // those that took it.  The notice quotes the store's reply, so
-        // nothing is lost without a word and nothing is delivered twice.
+        v_Reponses.emplace_back(st_Rep.Pc_Texte);
+        b_UneRemise = b_UneRemise || ClasseReponseEntiere(st_Rep.Pc_Texte) == ReponseLmtp::Ok;
+    }
+    // The first reply speaks for the message: 250 goes on, a permanent
+    // failure is the message's refusal (reported to the sender, no QUIT).
+    // Anything else (over quota included) retries the message whole, unless
+    // another mailbox took it: a retry would deliver it to that one again,
+    // so the first is then reported like any later one.
+    bool b_Refuse = false;  // the message itself was refused: no QUIT
+    e_Rep = ClasseReponseEntiere(v_Reponses[0].c_str());
+    if (e_Rep == ReponseLmtp::Permanente) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
+                         v_Reponses[0].c_str(), gPc_InfoMessEnCours);
+        RapportFinDonnees(ppc_Rapport, v_Reponses[0].c_str());
+        b_Refuse = true;
+    } else if (e_Rep != ReponseLmtp::Ok && !b_UneRemise) {
+        close(i_Fd);
+        TraitementErreur(NIVEAU_CRITIQUE,
+                         "v1.1.0/1570: Reponse <.>=<%s>. %s. Possibilite de depots repetes",
+                         v_Reponses[0].c_str(), gPc_InfoMessEnCours);
+    }
+    for (std::size_t k = b_Refuse ? 1 : 0; k < v_Reponses.size(); k++) {
+        // A recipient answered anything but 250 did not get the message,
+        // and the sender is told as for a refused recipient command.  A
+        // temporary failure (4xx) or a reply that makes no sense counts the
+        // same: the exit status speaks for every recipient at once, so a
+        // retry for this one would deliver the message again to those that
+        // took it.  The notice quotes the store's reply, so nothing is lost
+        // without a word and nothing is delivered twice.
+        e_Rep = ClasseReponseEntiere(v_Reponses[k].c_str());
         if (e_Rep == ReponseLmtp::Ok) continue;
         int i = v_Acceptes[k];
         const char *pc_Adresse = tpc_Adresses != nullptr ? NonNul(tpc_Adresses[i]) : "";
         syslog(LOG_WARNING, "v1.1.0/1566: Reponse <%s> en fin de DATA pour <%s%s>/<%s>. %s",
-               st_Rep.Pc_Texte, tpc_Boites[i], pc_Suffixe, pc_Adresse, gPc_InfoMessEnCours);
-        RapportDestinataire(ppc_Rapport, pc_Adresse, st_Rep.Pc_Texte,
+               v_Reponses[k].c_str(), tpc_Boites[i], pc_Suffixe, pc_Adresse, gPc_InfoMessEnCours);
+        RapportDestinataire(ppc_Rapport, pc_Adresse, v_Reponses[k].c_str(),
                             e_Rep == ReponseLmtp::SurQuota);
     }
     if (b_Refuse) {

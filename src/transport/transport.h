@@ -33,11 +33,14 @@
 //   order of the recipient commands; those replies, and QUIT's, are
 //   assembled by lines (AssembleReponseLmtp), so that a reply split over
 //   several reads, or several replies in one read, are each read as one.
-//   The first accepted recipient's reply decides for the message: 250 goes
-//   on, a permanent failure (5xx) is a warning and the end-of-data report
-//   (no QUIT), anything else a retry of the whole message.  Each later one
-//   that is not 250 is one recipient line of the report, like a refusal of
-//   its recipient command.  Once every reply is in, the store holds the
+//   All are read before any is acted on; a continued reply ("550-...") is
+//   classed by its code.  The first accepted recipient's reply decides for
+//   the message: 250 goes on, a permanent failure (5xx) is a warning and the
+//   end-of-data report (no QUIT), anything else a retry of the whole
+//   message, unless another mailbox answered 250 (a retry would deliver it
+//   there again): the first is then reported like a later one.  Each later
+//   one that is not 250 is one recipient line of the report, like a refusal
+//   of its recipient command.  Once every reply is in, the store holds the
 //   message: a QUIT that cannot be written or answered is only a warning.
 //   Time limits: gi_DelaiReseau (120 s) for connect, every write and reply;
 //   gi_DelaiFinDonnees (360 s) for all the replies after the end of data

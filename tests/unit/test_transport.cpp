@@ -112,7 +112,8 @@ TEST(Lmtp, TransparenceDesDonnees) {
 // standard error.  Before the data a failure is a result for a later attempt;
 // while replies to the data are due the process ends; once every accepted
 // mailbox has its reply the message is delivered and a lost QUIT is only a
-// warning.
+// warning.  A first reply to the data that is not 250 retries the message
+// only when no other mailbox took it; a continued 5xx reply is a refusal.
 TEST(Lmtp, IssuesDuDialogue) {
     EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n"), st_NeLitPlus = GO;
     st_DeuxSurTrois.b_FermeApres = true;
@@ -142,6 +143,12 @@ TEST(Lmtp, IssuesDuDialogue) {
          "peer). message-id=<id.1@ext.example>, from=<emetteur@ext.example>, to=<->(-/2). Possibilite "
          "de depots repetes\n", 3},
         {{ACCUEIL, OK, OK, GO, Rep("451 4.3.0 later\r\n")}, "75", "2, v1.1.0/1570: Reponse <.>=<451 4.3.0 later\r\n>"},
+        {{ACCUEIL, OK, OK, OK, GO, Rep("451 4.3.0 later\r\n250 ok\r\n"), OK},
+         "0|Les destinataires suivants n'ont pas recu votre message:\n\nDestinataire <alice@vorane.example>, "
+         "r\xe9ponse du serveur :\n451 4.3.0 later\r\n\n", nullptr, 2},
+        {{ACCUEIL, OK, OK, GO, Rep("550-5.6.0 one\r\n550 5.6.0 two\r\n")},
+         "0|Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
+         "550-5.6.0 one\r\n550 5.6.0 two\r\n", "4, v1.1.0/1551: "},
         {{ACCUEIL, OK, OK, GO, REFUS}, "0" + s_Fin554, "4, v1.1.0/1551: Message non remis, reponse <554 5.6.0 "},
         {{ACCUEIL, OK, OK, GO, REFUS}, "0|avant\n\n" + s_Fin554.substr(1), "4, v1.1.0/1551: ", 1, true},
         {{ACCUEIL, OK, OK, GO, OK, Ferme()}, "0",
