@@ -165,9 +165,30 @@ void ParcourtTransparence(Transparence *pst_Etat, const char *pc, std::size_t t_
     pst_Etat->b_DebutLigne = pc[t_Long - 1] == '\n';
 }
 
+// Deadline of a wait of i_Secondes, on the monotonic clock.
+struct timespec Echeance(int i_Secondes) {
+    struct timespec st;
+    clock_gettime(CLOCK_MONOTONIC, &st);
+    st.tv_sec += i_Secondes;
+    return st;
+}
+
+// Whole seconds left before the deadline, rounded up; 0 once it has passed.
+int SecondesRestantes(const struct timespec &st_Echeance) {
+    struct timespec st;
+    clock_gettime(CLOCK_MONOTONIC, &st);
+    long long ll_Nano = (static_cast<long long>(st_Echeance.tv_sec) - st.tv_sec) * 1000000000LL +
+                        (st_Echeance.tv_nsec - st.tv_nsec);
+    if (ll_Nano <= 0) return 0;
+    return static_cast<int>((ll_Nano + 999999999LL) / 1000000000LL);
+}
+
 // Sends the segments whole under one guard (the list is consumed); 0, or an
 // errno value after logging and closing the connection.  A log line quotes
-// the beginning of the first segment.
+// the beginning of the first segment.  The limit holds for the whole: a
+// send that the alarm interrupts after some bytes went out returns them
+// rather than fail, so a store that reads a trickle is stopped by the
+// deadline.
 int EcritSegments(int i_Fd, struct iovec *pst_Iov, int i_Nb) {
     std::size_t t_Total = 0;
     for (int k = 0; k < i_Nb; k++) t_Total += pst_Iov[k].iov_len;
@@ -179,8 +200,13 @@ int EcritSegments(int i_Fd, struct iovec *pst_Iov, int i_Nb) {
     ssize_t i_Compte = 0;
     int i_Err = 0;
     int k = 0;
+    const struct timespec st_Fin = Echeance(gi_DelaiReseau < 1 ? 1 : gi_DelaiReseau);
     _debatt(gi_DelaiReseau);
     while (t_Envoye < t_Total) {
+        if (t_Envoye > 0 && SecondesRestantes(st_Fin) == 0) {
+            i_Err = ETIMEDOUT;
+            break;
+        }
         struct msghdr st_Msg = {};
         st_Msg.msg_iov = pst_Iov + k;
         st_Msg.msg_iovlen = static_cast<std::size_t>(i_Nb - k);
@@ -204,7 +230,7 @@ int EcritSegments(int i_Fd, struct iovec *pst_Iov, int i_Nb) {
     i_Err = errno;
     if (t_Envoye == t_Total) return 0;
 
-    if (i_To == ETIMEDOUT)
+    if (i_To == ETIMEDOUT || i_Err == ETIMEDOUT)
         syslog(LOG_WARNING, "v1.1.0/1264: Timeout de %ds atteint sur write(%.*s). %s",
                gi_DelaiReseau, i_Cite, pc_Cite, gPc_InfoMessEnCours);
     else
@@ -260,24 +286,6 @@ struct Reception {
     std::size_t t_Debut = 0;
     std::size_t t_Fin = 0;
 };
-
-// Deadline of a wait of i_Secondes, on the monotonic clock.
-struct timespec Echeance(int i_Secondes) {
-    struct timespec st;
-    clock_gettime(CLOCK_MONOTONIC, &st);
-    st.tv_sec += i_Secondes;
-    return st;
-}
-
-// Whole seconds left before the deadline, rounded up; 0 once it has passed.
-int SecondesRestantes(const struct timespec &st_Echeance) {
-    struct timespec st;
-    clock_gettime(CLOCK_MONOTONIC, &st);
-    long long ll_Nano = (static_cast<long long>(st_Echeance.tv_sec) - st.tv_sec) * 1000000000LL +
-                        (st_Echeance.tv_nsec - st.tv_nsec);
-    if (ll_Nano <= 0) return 0;
-    return static_cast<int>((ll_Nano + 999999999LL) / 1000000000LL);
-}
 
 // Reads one whole reply: from the bytes left over by the reads before, then
 // from new reads, each guarded by the time left before the deadline (so a

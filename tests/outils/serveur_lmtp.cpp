@@ -48,14 +48,15 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
     close(i_Ecoute);
     if (i_Fd < 0) _exit(1);
     std::string s_Attente;
-    bool b_Donnees = false;
+    bool b_Donnees = false, b_Lent = false;
     char pc[65536];
     // Once the script is used up, the units that still come are recorded
     // and left unanswered until the client closes.
     for (std::size_t k = 0;; k++) {
         std::size_t t_Fin = 0;
         while (k > 0 && (t_Fin = FinUnite(s_Attente, b_Donnees)) == 0) {
-            ssize_t n = read(i_Fd, pc, sizeof pc);
+            if (b_Lent) usleep(20000);
+            ssize_t n = read(i_Fd, pc, b_Lent ? 4096 : sizeof pc);
             if (n <= 0) _exit(0);
             EcritTout(i_Fichier, pc, static_cast<std::size_t>(n));
             s_Attente.append(pc, static_cast<std::size_t>(n));
@@ -74,6 +75,7 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
         if (e.b_BloqueApres)
             for (;;) pause();
         if (e.b_FermeApres) _exit(0);
+        b_Lent = e.b_LentApres;
     }
 }
 

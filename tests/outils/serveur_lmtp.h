@@ -37,6 +37,9 @@ struct EtapeLmtp {
     bool b_BloqueApres = false;
     // After replying, close the connection.
     bool b_FermeApres = false;
+    // After replying, read 4 KB every 20 ms (a store that reads a trickle,
+    // slower than one 256 KB piece of the body per second).
+    bool b_LentApres = false;
 };
 
 // Shorthands for script steps.

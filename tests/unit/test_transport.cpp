@@ -104,7 +104,8 @@ TEST(Lmtp, TransparenceDesDonnees) {
     }
 }
 
-// Each way a dialogue can go wrong, with the result and report (one of an
+// Each way a dialogue can go wrong (a store that stops reading the data or
+// reads a trickle of it included), with the result and report (one of an
 // earlier attempt is dropped over TCP, kept and added to over a Unix socket;
 // a reply to the data over the buffer is cut to it, its rest not taken for
 // the next)
@@ -115,9 +116,10 @@ TEST(Lmtp, TransparenceDesDonnees) {
 // warning.  A first reply to the data that is not 250 retries the message
 // only when no other mailbox took it; a continued 5xx reply is a refusal.
 TEST(Lmtp, IssuesDuDialogue) {
-    EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n"), st_NeLitPlus = GO;
+    EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n"), st_NeLitPlus = GO, st_Lent = GO;
     st_DeuxSurTrois.b_FermeApres = true;
     st_NeLitPlus.b_BloqueApres = true;
+    st_Lent.b_LentApres = true;
     const std::string LONGUE = "250-" + std::string(2000, 'x') + "\r\n250 fin\r\n";
     const EtapeLmtp REFUS = Rep("554 5.6.0 Message contains invalid header\r\n");
     const std::string s_Fin554 = "|Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA "
@@ -137,6 +139,8 @@ TEST(Lmtp, IssuesDuDialogue) {
         {{ACCUEIL, OK, OK, OK, GO, Rep(LONGUE + "250 ok\r\n"), OK}, "0", nullptr, 2},
         {{ACCUEIL, OK, OK, st_NeLitPlus}, "75",
          "2, v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps du message, errno=110", 1, true},
+        {{ACCUEIL, OK, OK, st_Lent}, "75",
+         "2, v1.1.0/1531: Erreur Write_LMTP pendant envoi du corps du message, errno=110"},
         {{ACCUEIL, OK, OK, GO, Bloque()}, "75", "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=110"},
         {{ACCUEIL, OK, OK, OK, OK, GO, st_DeuxSurTrois}, "75",
          "2, v1.1.0/1542: Erreur Read_LMTP pendant attente reponse <.>, errno=104 (Connection reset by "
