@@ -147,9 +147,15 @@ bool CorrespondPcre(const pcre2_code *pst_Motif, const char *pc_Adresse) {
     return CorrespondMotif(pst_Motif, pc_Adresse) >= 0;
 }
 
-// Attempts of an address test: 0 false, 1 true on the From address (or a
-// test without address), 2 true only on the envelope sender.
-int Tentatives(bool b_Premiere, bool b_Seconde) { return b_Premiere ? 1 : b_Seconde ? 2 : 0; }
+// Attempts of an address test: 0 false, 1 true on the first address (the
+// From address), 2 true only on the envelope sender, which is tried only
+// when the first attempt failed and the two addresses differ (a directory
+// test makes one search per attempt).
+template <typename FTest>
+int Tentatives(const char *pc_Premiere, bool b_Differe, FTest f_Test) {
+    if (f_Test(pc_Premiere)) return 1;
+    return b_Differe && f_Test(gpc_MailFrom) ? 2 : 0;
+}
 
 // Evaluates the test of a parsed line: 0 when false, else the attempt that
 // made it true (see Tentatives).
@@ -164,14 +170,15 @@ int EvalueTest(const LigneRegle &st_Ligne, const Adresses &st_Adr, const GenreLi
     case TypeTest::Zelx: return gi_EmetteurZeldor != 0 && gi_EmetteurZeldorBoite == 0;
     case TypeTest::Joke:
         _minu(st_Ligne.pc_Parametre);
-        return Tentatives(_expjok(st_Ligne.pc_Parametre, pc_Adresse) != 0,
-                          st_Adr.b_Differe && _expjok(st_Ligne.pc_Parametre, gpc_MailFrom) != 0);
+        return Tentatives(pc_Adresse, st_Adr.b_Differe, [&](const char *pc) {
+            return _expjok(st_Ligne.pc_Parametre, pc) != 0;
+        });
     case TypeTest::Pcre: {
         pcre2_code *pst_Motif =
             CompileMotif(st_Ligne.pc_Parametre, st_Genre.i_MsgPcre, "restriction de remise ");
         if (pst_Motif == nullptr) return 0;
-        int i = Tentatives(CorrespondPcre(pst_Motif, pc_Adresse),
-                           st_Adr.b_Differe && CorrespondPcre(pst_Motif, gpc_MailFrom));
+        int i = Tentatives(pc_Adresse, st_Adr.b_Differe,
+                           [&](const char *pc) { return CorrespondPcre(pst_Motif, pc); });
         pcre2_code_free(pst_Motif);
         return i;
     }
@@ -179,9 +186,9 @@ int EvalueTest(const LigneRegle &st_Ligne, const Adresses &st_Adr, const GenreLi
         const char *pc_Premiere = pc_Adresse;
         if (st_Genre.b_ReductionLdap && _expjok(PC_JOKER_REDUCTION, pc_Adresse))
             pc_Premiere = strstr(pc_Adresse, PC_REDUCTION) + strlen(PC_REDUCTION);
-        return Tentatives(
-            TestRestrLDAP(st_Ligne.pc_Parametre, pc_Premiere) > 0,
-            st_Adr.b_Differe && TestRestrLDAP(st_Ligne.pc_Parametre, gpc_MailFrom) > 0);
+        return Tentatives(pc_Premiere, st_Adr.b_Differe, [&](const char *pc) {
+            return TestRestrLDAP(st_Ligne.pc_Parametre, pc) > 0;
+        });
     }
     case TypeTest::Inconnu: break;
     }

@@ -244,6 +244,15 @@ TEST_F(Annuaire, ReglesAnnuaire) {
     EXPECT_EQ(RestrictionDeRemise(pc_Env, t_Restr), 1);
     int i_Freq = 0;
     EXPECT_EQ(DetReponseAuto(pc_Env, t_Rep, &pc_Texte, &i_Freq), 0);
+    // A line already true on the From address makes no search with the
+    // envelope sender (here one whose escaped filter would not fit: a
+    // refusal of the whole message).
+    std::string s_Env = std::string(240, '(') + "@p.test";
+    char pc_Six[] = "10+ LDAP:(|(mail=%s)(mail=%s)(mail=%s)(mail=%s)(mail=%s)(mail=%s))", *t_Six[] = {pc_Six, nullptr};
+    gpc_MailFrom = s_Env.data();
+    ResultatEnfant r = Enfant([&] { RestrictionDeRemise("x@vorane.example", t_Six); });
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(r.s_Erreur.find(" !ERR:"), std::string::npos) << r.s_Erreur;
 }
 
 // An info value: the first with the prefix in any case, after its blanks,
