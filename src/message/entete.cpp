@@ -8,7 +8,12 @@
 //       copies the text into max(min, length + 1) bytes, or adopts the
 //       pointer itself when min is ADOPTE_TEXTE.  Returns the node.
 //   LitEntete(head)      reads standard input (stdio, 1023-byte pieces) up to
-//       and including the empty line; continuation pieces are joined.
+//       and including the empty line; continuation pieces are joined.  A
+//       piece that only ends a line longer than one read (the "\n" after
+//       1023 bytes) is the rest of that line, not the empty line: the store
+//       reads the header on past it, and so must the program, or the fields
+//       after it would go unseen (robot marks, a second From) and the
+//       working header would have no end.
 //   LitMessage(list, f)  appends the rest of f in pieces of 1023 bytes (not
 //       cut at line ends).
 //   LigneEnteteVide      0 for a non-empty line; 1 null, 2 "", 3 "\n...", 4 "\r\n".
@@ -148,6 +153,7 @@ void LitEntete(Entete **ppet_Tete) {
     Entete *pet_Curseur = *ppet_Tete;
     Cumul st_Cumul;
     char pc_Piece[TAILLE_LECTURE];
+    bool b_DebutLigne = true;  // the piece before ended a line
 
     for (;;) {
         std::size_t t_Piece = LitPieceEntete(pc_Piece, sizeof pc_Piece);
@@ -173,6 +179,7 @@ void LitEntete(Entete **ppet_Tete) {
                 st_Cumul.t_Taille = st_Cumul.t_Longueur + 1;
             }
             AjouteSuite(&st_Cumul, pc_Piece, t_Piece);
+            b_DebutLigne = pc_Piece[t_Piece - 1] == '\n';
             continue;
         }
 
@@ -183,7 +190,8 @@ void LitEntete(Entete **ppet_Tete) {
         st_Cumul.t_Longueur = t_Piece;
         st_Cumul.t_Taille = t_Piece + 1;
 
-        if (LigneEnteteVide(pc_Piece) != 0) return;
+        if (b_DebutLigne && LigneEnteteVide(pc_Piece) != 0) return;
+        b_DebutLigne = pc_Piece[t_Piece - 1] == '\n';
     }
 }
 

@@ -53,8 +53,9 @@ Entete *LitDepuis(std::string s, std::string *ps_Reste = nullptr) {
 }
 
 // Folded fields joined (blank or tab), CRLF kept, NUL bytes replaced, long
-// lines in pieces of 1023 bytes, input left from the empty line on, 1783
-// when input ends first.
+// lines in pieces of 1023 bytes (the line feed after exactly 1023 ends that
+// line, not the header), input left from the empty line on, 1783 when input
+// ends first.
 TEST(LitEntete, NoeudsEtReste) {
     const std::string s_L = "X-Long: " + std::string(2492, 'q');
     struct { std::string s_Entree; Lignes v_Noeuds; std::string s_Reste; bool b_1783; } t[] = {
@@ -64,6 +65,7 @@ TEST(LitEntete, NoeudsEtReste) {
         {"A: 1\nB: 2", {"A: 1\n", "B: 2"}, "", true},
         {s_L + "\n\n", {s_L.substr(0, 1023), s_L.substr(1023, 1023), s_L.substr(2046) + "\n", "\n"},
          "", false},
+        {s_L.substr(0, 1023) + "\nTo: x\n\ncorps\n", {s_L.substr(0, 1023), "\n", "To: x\n", "\n"}, "corps\n", false},
     };
     for (auto &c : t) {
         std::string s_Reste;
