@@ -40,10 +40,13 @@ constexpr std::size_t TAILLE_LECTURE = 1024;
 // ---------------------------------------------------------------------------
 
 // One line of the message as read (line feed included); a folded header
-// field is one node whose text holds its continuation lines.
+// field is one node whose text holds its continuation lines.  A piece of
+// the body loaded into the list is kept byte for byte, NUL bytes included:
+// its length is then t_Long (0 for every other node: the text's own).
 struct Entete {
     char *pc_Ligne;
     Entete *pet_Suivant;
+    std::size_t t_Long = 0;
 };
 
 // The incoming header as read (never changed) and the working copy that is

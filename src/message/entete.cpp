@@ -15,7 +15,7 @@
 //       after it would go unseen (robot marks, a second From) and the
 //       working header would have no end.
 //   LitMessage(list, f)  appends the rest of f in pieces of 1023 bytes (not
-//       cut at line ends).
+//       cut at line ends), each kept whole with its length (LongueurLigne).
 //   LigneEnteteVide      0 for a non-empty line; 1 null, 2 "", 3 "\n...", 4 "\r\n".
 //   VerifLigneEOL        cuts a doubled line end to a single one, in place.
 //   DetacheCorps / RattacheCorps  take the body lines (loaded after the
@@ -120,6 +120,7 @@ Entete *ChargeLigne(Entete **ppet_Curseur, const char *pc_Texte, std::size_t t_T
         return nullptr;
     }
     pet->pet_Suivant = nullptr;
+    pet->t_Long = 0;
 
     if (t_TailleMin == ADOPTE_TEXTE) {
         pet->pc_Ligne = const_cast<char *>(pc_Texte);
@@ -209,13 +210,22 @@ void LitMessage(Entete *pet_Liste, FILE *pf_Entree) {
     std::size_t t_Lu;
     while ((t_Lu = fread(pc_Piece, 1, sizeof pc_Piece - 1, pf_Entree)) > 0) {
         pc_Piece[t_Lu] = '\0';
-        ChargeLigne(&pet_Curseur, pc_Piece, 0);
+        Entete *pet = ChargeLigne(&pet_Curseur, pc_Piece, t_Lu + 1);
+        if (pet == nullptr) return;
+        // The whole piece, NUL bytes and what follows them included.
+        memcpy(pet->pc_Ligne, pc_Piece, t_Lu + 1);
+        pet->t_Long = t_Lu;
     }
     if (ferror(pf_Entree)) {
         int i_Err = errno;
         TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/1811: Erreur lecture message, errno=%d (%s). %s",
                          i_Err, strerror(i_Err), gPc_InfoMessEnCours);
     }
+}
+
+// Bytes of a node as it is to be written.
+std::size_t LongueurLigne(const Entete *pet) {
+    return pet->t_Long != 0 ? pet->t_Long : strlen(pet->pc_Ligne);
 }
 
 // Kind of empty line: 0 when not empty; 1 null, 2 "", 3 "\n...", 4 "\r\n".

@@ -34,6 +34,8 @@ Entete *ChargeLigne(Entete **ppet_Curseur, const char *pc_Texte, std::size_t t_T
 void LitEntete(Entete **ppet_Tete);
 // Appends the rest of the input stream to the list, piece by piece.
 void LitMessage(Entete *pet_Liste, FILE *pf_Entree);
+// Bytes of a node as it is to be written (a body piece may hold NUL bytes).
+std::size_t LongueurLigne(const Entete *pet);
 // 0 when the text is not an empty line; 1 null, 2 empty, 3 "\n...", 4 "\r\n".
 int LigneEnteteVide(const char *pc_Texte);
 // The body lines that follow the header's empty line, taken off the list

@@ -198,7 +198,7 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
     //    input full gets nothing more: its status says the rest).
     for (Entete *pet = pet_Message; pet != nullptr && i_Err == 0; pet = pet->pet_Suivant) {
         if (pet->pc_Ligne == nullptr) continue;
-        i_Err = EcritTout(st_Cmd, pet->pc_Ligne, strlen(pet->pc_Ligne));
+        i_Err = EcritTout(st_Cmd, pet->pc_Ligne, LongueurLigne(pet));
         if (i_Err > 0) {
             AbandonneFils(&st_Cmd);
             TraitementErreur(NIVEAU_CRITIQUE,

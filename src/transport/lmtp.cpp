@@ -825,7 +825,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
         pet = pet->pet_Suivant;
     for (; pet != nullptr; pet = pet->pet_Suivant) {
         if (pet->pc_Ligne == nullptr) continue;
-        i_Res = AjouteFlux(&st_Flux, pet->pc_Ligne, strlen(pet->pc_Ligne));
+        i_Res = AjouteFlux(&st_Flux, pet->pc_Ligne, LongueurLigne(pet));
         if (i_Res != 0) return i_Res;
     }
     i_Res = VideFlux(&st_Flux);

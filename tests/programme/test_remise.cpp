@@ -773,7 +773,7 @@ std::string ApresTrace(const std::string &s) {
 // without members, an unknown list kind (its notice), a Sympa list, a Sympa
 // bounce list, a list expanded through a nested one without duplicates in
 // any case (the message's sender as bounce address) and a mailbox in one run: the body is read once and each
-// delivery gets it whole, with the list's Reply-To in place of the message's,
+// delivery gets it whole (a NUL byte included), with the list's Reply-To in place of the message's,
 // also in the one LMTP transaction after the loop;
 // the Sympa programs get the list address and the first To address.
 TEST_F(Diffusion, ListesSympaEtBoite) {
@@ -786,7 +786,8 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
                                  "sympa@vorane.example", "rebonds@vorane.example", "mu@vorane.example",
                                  "boite@vorane.example"},
                                 MessageInterne("Reply-to: ailleurs@partenaire.test\n"
-                                               "To: Liste <sympa@vorane.example>, autre@x.example\n"));
+                                               "To: Liste <sympa@vorane.example>, autre@x.example\n") +
+                                    "nul\0ici\n"s);
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
     EXPECT_NE(r.s_Erreur.find(" !ERR:-3, v1.1.0/4422: Erreur annuaire, type de liste non supporte, "
                               "'ravokVixRemise=LISTE-FAX'. "),
@@ -807,7 +808,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
     const std::string s_Attendu =
         "Received: from poste by relais\nMessage-ID: <d-1@vorane.example>\n"
         "Subject: diffusion\nReply-To: liste@vorane.example\n"
-        "To: Liste <sympa@vorane.example>, autre@x.example\n\ncorps\n.\n..x\nfin\n";
+        "To: Liste <sympa@vorane.example>, autre@x.example\n\ncorps\n.\n..x\nfin\nnul\0ici\n"s;
     for (int i : {0, 2, 3, 4}) EXPECT_EQ(ApresTrace(a[i].s_Entree), s_Attendu);
     EXPECT_EQ(ApresTrace(DonneesRecues(st_Lmtp.Recu())), s_Attendu + "\n");
 
