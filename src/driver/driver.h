@@ -48,6 +48,10 @@ struct AnalyseEmetteur {
     int i_NonAuthentifie = 0;   // internal zone, outside the internal domain
     const char *pc_MarqueOrigine = "";   // in front of the display name
     const char *pc_LibelleOrigine = "";  // X-ravokOrigine and the display name
+    // Once decorated: bytes of Pc_Nom before the sender's own name (the
+    // origin mark) and after it (" (label, depositor)").
+    std::size_t t_Marque = 0;
+    std::size_t t_Decoration = 0;
 };
 
 // Reads the header, builds the working copy, captures the Message-Id,

@@ -179,6 +179,23 @@ void EncodeNom(const char *pc_Nom, const char *pc_FromOrigine, char *pc_Sortie,
         EncodeQP(pc_Guillemets, "UTF-8", pc_Sortie, static_cast<int>(t_Taille));
 }
 
+// Length of the text between double quotes (MetEntreGuillemets).
+std::size_t LongueurEntreGuillemets(const std::string &s) {
+    return s.size() + 2 + static_cast<std::size_t>(std::count_if(s.begin(), s.end(), [](char c) {
+               return c == '"' || c == '\\';
+           }));
+}
+
+// Removes the last whole UTF-8 character of the part of the text that lies
+// between t_Debut bytes at its start and t_Fin bytes at its end.
+void RetireDernierCaractere(std::string *ps, std::size_t t_Debut, std::size_t t_Fin) {
+    std::size_t t_Bout = ps->size() - t_Fin;
+    if (t_Bout <= t_Debut) return;
+    std::size_t p = t_Bout - 1;
+    while (p > t_Debut && (static_cast<unsigned char>((*ps)[p]) & 0xC0) == 0x80) p--;
+    ps->erase(p, t_Bout - p);
+}
+
 // Origin, from-differs and Reply-to lines, and the decorated display name
 // (steps 1 to 4).
 void LignesOrigine(AnalyseEmetteur *pst) {
@@ -214,17 +231,52 @@ void LignesOrigine(AnalyseEmetteur *pst) {
         Insere(&pet_Curseur, NouvelleLigne(4003, "Reply-to: %s\n\t<%s>\n", pc_Encode, pc_Adresse),
                4003);
     }
-    // "mark name (label deposit)", cut to the name's buffer.
-    std::string s_Decore = std::string(pst->pc_MarqueOrigine) + pc_Nom + " (" +
-                           pst->pc_LibelleOrigine + pc_Depot + ")";
+    // "mark name (label deposit)" in the name's buffer, and between quotes
+    // in that size once more.  The mark and the decoration tell the reader
+    // where the message came from, so when they do not fit together the
+    // sender's own name gives way, whole characters at a time.
+    const std::string s_Fin = std::string(" (") + pst->pc_LibelleOrigine + pc_Depot + ")";
+    std::string s_Decore = std::string(pst->pc_MarqueOrigine) + pc_Nom + s_Fin;
+    pst->t_Marque = strlen(pst->pc_MarqueOrigine);
+    pst->t_Decoration = s_Fin.size();
+    while (LongueurEntreGuillemets(s_Decore) >= sizeof pst->Pc_Nom &&
+           s_Decore.size() > pst->t_Marque + s_Fin.size())
+        RetireDernierCaractere(&s_Decore, pst->t_Marque, s_Fin.size());
     _strncpy(pst->Pc_Nom, s_Decore.c_str(), sizeof pst->Pc_Nom);
     EpureControles(pst->Pc_Nom, 0);
+}
+
+// The decorated display name encoded into the size given.  Encoding can
+// triple a name, and the bytes that do not fit are dropped from the end,
+// where the decoration stands: the sender's own name is shortened instead
+// (whole characters) until the encoding in the size given is the whole one,
+// as long as some of the name is left.  An undecorated name is encoded as
+// it is.
+void EncodeNomDecore(const AnalyseEmetteur *pst, const char *pc_FromOrigine, char *pc_Sortie,
+                     std::size_t t_Taille) {
+    std::string s_Nom = pst->Pc_Nom;
+    EncodeNom(s_Nom.c_str(), pc_FromOrigine, pc_Sortie, t_Taille);
+    if (pst->t_Decoration == 0) return;
+    char pc_Entier[8 * TAILLE_PHRASE];  // room for any name of TAILLE_PHRASE bytes
+    for (;;) {
+        EncodeNom(s_Nom.c_str(), pc_FromOrigine, pc_Entier, sizeof pc_Entier);
+        std::size_t t_Long = strlen(pc_Sortie), t_Entier = strlen(pc_Entier);
+        if (t_Long == t_Entier || s_Nom.size() <= pst->t_Marque + pst->t_Decoration) return;
+        // Each byte of the name takes at most three once encoded.
+        for (std::size_t t_Retire = 0, t_But = (t_Entier - t_Long) / 3 + 1; t_Retire < t_But;) {
+            std::size_t t_Avant = s_Nom.size();
+            RetireDernierCaractere(&s_Nom, pst->t_Marque, pst->t_Decoration);
+            if (s_Nom.size() == t_Avant) break;
+            t_Retire += t_Avant - s_Nom.size();
+        }
+        EncodeNom(s_Nom.c_str(), pc_FromOrigine, pc_Sortie, t_Taille);
+    }
 }
 
 // Rebuilds the From line (steps 5 to 7).
 void LigneFrom(const AnalyseEmetteur *pst, const char *pc_FromOrigine) {
     char pc_NomEncode[TAILLE_PHRASE];
-    EncodeNom(pst->Pc_Nom, pc_FromOrigine, pc_NomEncode, sizeof pc_NomEncode);
+    EncodeNomDecore(pst, pc_FromOrigine, pc_NomEncode, sizeof pc_NomEncode);
     char pc_Adresse[TAILLE_TEXTE];
     EcritAdresse(pst->Pc_Adresse, pc_Adresse, sizeof pc_Adresse);
     Entete *pet_From = RecupEntete(gpet_EnteteMess, "from:");

@@ -22,6 +22,7 @@
 #include <utime.h>
 
 #include "adresse_unique.h"
+#include "codec/codec.h"
 #include "serveurs_essai.h"
 #include "capture_essai.h"
 #include "journal_essai.h"
@@ -265,7 +266,8 @@ TEST_F(Remise, BoucleAvisEtReponse) {
 // A sender that differs from the From, an 8-bit Subject, an existing
 // Reply-To, and a spam flag: from-differs line, the deposit in the display
 // name (UTF-8 text converted to the From's character set), the Subject
-// encoded with the original kept in the trace header, the -s suffix.
+// encoded with the original kept in the trace header, the -s suffix.  A
+// display name too long to encode whole is shortened, never the deposit.
 TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
     ServeurLmtpEssai st_Lmtp(Accepte(1), true);
     ResultatProcessus r = Lance({"-r", st_Lmtp.Designation(), "-c", "", "-s", "+Spam"}, "robot@envoi.test",
@@ -281,6 +283,20 @@ TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
               "\t=?ISO-8859-1?Q?envoi=2Etest=29=22?=\n\t<jerome@partenaire.test>\n"
               "X-ravokOrigine: par Internet\nX-ravokFromDifferent: 1\nReply-To: ailleurs@partenaire.test\n"
               "Subject: =?iso8859-15?Q?caf=E9_cr=E8me?=\nX-Spam-Flag: YES\n\ncorps\n\n.\nQUIT\n");
+
+    // A display name whose encoding fills the From: the sender's own name
+    // gives way, the origin label and the depositor stay whole.
+    std::string s_Nom = "=?ISO-8859-1?Q?";
+    for (int i = 0; i < 160; i++) s_Nom += "=E9";
+    ServeurLmtpEssai st_Long(Accepte(1), false);
+    r = Lance({"-r", st_Long.Designation()}, "robot@envoi.test", {"alice@vorane.example"},
+              "Received: from x ([10.0.1.5])\nFrom: " + s_Nom + "?= <j@partenaire.test>\n\ncorps\n");
+    const std::string s_Livre = DonneesRecues(st_Long.Recu());
+    const std::size_t p = s_Livre.find("\nFrom: ") + 7;
+    char pc_Nom[4096];
+    DecodeQP(s_Livre.substr(p, s_Livre.find("\n\t<", p) - p).c_str(), "UTF-8", pc_Nom, sizeof pc_Nom);
+    EXPECT_TRUE(std::string(pc_Nom).ends_with("\xc3\xa9 (par Internet, d\xc3\xa9p\xc3\xb4t robot@envoi.test)\""))
+        << pc_Nom;
 }
 
 // ATTENTE second of three: the run stops there with 75; the mailbox met
