@@ -850,6 +850,8 @@ TEST_F(Diffusion, StatutsDeLaCommande) {
         std::vector<Appel> a = cap.Appels();
         ASSERT_EQ(a.size(), c.i_Attendu == 0 ? 2u : 1u);
         EXPECT_TRUE(a[0].s_Entree.ends_with("\nfin\nnul\0ici\n"s));
+        for (const std::string &s : Dumps("ERR", r.i_Pid))  // the body was never loaded: no body lines
+            EXPECT_EQ(LitFichier(s).find("\nT>corps"), std::string::npos) << s;
         if (a.size() == 2) {
             const std::string s_Avis = a[1].s_Entree.substr(a[1].s_Entree.find("\n\n"));
             EXPECT_NE(a[1].s_Entree.find("Non remis (incident)"), std::string::npos);
