@@ -20,5 +20,6 @@ int gi_EmetteurZeldor = 0;
 int gi_EmetteurZeldorBoite = 0;
 
 volatile sig_atomic_t gi_PidCommandeEnCours = 0;
+volatile sig_atomic_t gi_IssueAcquise = 0;
 int gi_Explication = 0;
 int gi_DestinatairesEnSuspens = 0;

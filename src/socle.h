@@ -77,6 +77,12 @@ extern int gi_DestinatairesEnSuspens;
 // time budget is spent; set by whoever starts such a command.
 extern volatile sig_atomic_t gi_PidCommandeEnCours;
 
+// Set once the run's outcome is settled: every delivery is made and no
+// notice remains to be sent, so that what is left (closing the store's
+// session) decides nothing.  A time budget spent after that ends the run
+// with status 0: a retry would deliver the message again everywhere.
+extern volatile sig_atomic_t gi_IssueAcquise;
+
 // Set for the whole process by the explain form (--explique): nothing is
 // delivered, sent or written.  Read only where a step would act on its own
 // account: the reporting (no dump file, no notice, no delivery status) and

@@ -4,12 +4,16 @@
 // returns the message to its sender.  The run therefore has a budget of its
 // own, gi_BudgetExecution seconds (below Postfix's limit): when it is spent
 // the process ends with the level-2 line on standard error and status 75,
-// so that Postfix keeps the message and tries again.  The budget uses a
+// so that Postfix keeps the message and tries again.  Once the message is
+// delivered and nothing remains to be told (gi_IssueAcquise), a retry could
+// only deliver it twice: the run then ends with status 0 and the warning
+// line 3654 (the store's session is left unclosed).  The budget uses a
 // monotonic POSIX timer and a signal of its own, apart from the SIGALRM of
 // the alarm guard.  Its handler may only do what is safe in a signal
 // handler: it kills the submission command in progress (so that a command
 // reading the message never sees a clean end of input and submits a cut
 // message), writes a prepared line and ends the process.
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -22,17 +26,24 @@
 
 namespace {
 
-char sPc_LigneBudget[TAILLE_TEXTE];
-std::size_t st_LongLigneBudget = 0;
+char sPc_LigneBudget[TAILLE_TEXTE], sPc_LigneBudgetAcquis[TAILLE_TEXTE];
+std::size_t st_LongLigneBudget = 0, st_LongLigneBudgetAcquis = 0;
 
 // The budget is spent: stop the command in progress and leave the message
-// with Postfix.
+// with Postfix, unless the message is already where it goes.
 void BudgetEpuise(int) {
     pid_t i_Pid = static_cast<pid_t>(gi_PidCommandeEnCours);
     if (i_Pid > 0) kill(i_Pid, SIGKILL);
-    ssize_t i_Res = write(STDERR_FILENO, sPc_LigneBudget, st_LongLigneBudget);
+    const bool b_Acquis = gi_IssueAcquise != 0;
+    ssize_t i_Res = b_Acquis ? write(STDERR_FILENO, sPc_LigneBudgetAcquis, st_LongLigneBudgetAcquis)
+                             : write(STDERR_FILENO, sPc_LigneBudget, st_LongLigneBudget);
     (void)i_Res;
-    _exit(STATUT_REESSAI);
+    _exit(b_Acquis ? STATUT_FAIT : STATUT_REESSAI);
+}
+
+// Length of a prepared line (0 when it could not be made).
+std::size_t LongueurPreparee(int i_Long, std::size_t t_Taille) {
+    return i_Long > 0 ? std::min(static_cast<std::size_t>(i_Long), t_Taille - 1) : 0;
 }
 
 }  // namespace
@@ -43,7 +54,12 @@ void ArmeBudgetExecution() {
                           " !ERR:2, v1.1.0/3652: Duree maximale d'execution atteinte (%d s), "
                           "message laisse a Postfix pour nouvelle tentative.\n",
                           gi_BudgetExecution);
-    st_LongLigneBudget = i_Long > 0 ? static_cast<std::size_t>(i_Long) : 0;
+    st_LongLigneBudget = LongueurPreparee(i_Long, sizeof sPc_LigneBudget);
+    i_Long = snprintf(sPc_LigneBudgetAcquis, sizeof sPc_LigneBudgetAcquis,
+                      " !ERR:4, v1.1.0/3654: Duree maximale d'execution atteinte (%d s) apres la "
+                      "remise, fin sans attendre le serveur.\n",
+                      gi_BudgetExecution);
+    st_LongLigneBudgetAcquis = LongueurPreparee(i_Long, sizeof sPc_LigneBudgetAcquis);
 
     struct sigaction st_Action = {};
     st_Action.sa_handler = BudgetEpuise;

@@ -93,7 +93,8 @@ void AnalyseOptions(int argc, char **argv, OptionsRemise *pst_Options);
 void MajInfoMessEnCours(const char *pc_MessageId, int i_Rang);
 
 // Arms the time budget of the run (gi_BudgetExecution seconds): when it is
-// spent, the command in progress is killed and the process ends with 75.
+// spent, the command in progress is killed and the process ends with 75
+// (with 0 once gi_IssueAcquise says the message is delivered).
 void ArmeBudgetExecution();
 
 // Delivery kinds (ravokVixRemise, any case); Refuse: a restriction refused

@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 extern char **environ;
+#include <string>
 #include <vector>
 
 #include "report/report.h"
@@ -64,14 +65,25 @@ int NiveauCodeSortie(int i_Code) {
 // message must never count as a delivery, even when the message fitted in
 // the pipe.  The write end is non-blocking, so that a command that ended
 // while the pipe was full cannot hold the writer.
+//
+// The command's standard output and standard error go to a pipe of this
+// process, never to the program's own: under Postfix those are the pipe
+// service's, which keeps the first few kilobytes and then stops reading, so
+// that a command printing one warning more would die by SIGPIPE, a refusal.
+// What the command writes is read as it comes (a chatty command must never
+// block on a full pipe while this process waits for it) and its beginning,
+// at most TAILLE_SORTIE_GARDEE bytes, is logged.
 struct Commande {
     pid_t i_Pid = 0;
     int i_Fd = -1;
     int i_Temoin = -1;
+    int i_Sortie = -1;
+    std::string s_Sortie;
+    std::size_t t_SortieTotale = 0;
 };
 
-// Result of EcritTout for a command that ended before reading its input.
-constexpr int CODE_FIN_SANS_LIRE = -1;
+// What is kept of a command's output for the log.
+constexpr std::size_t TAILLE_SORTIE_GARDEE = 512;
 
 // True when the command has ended (it is not reaped: its status is still
 // to be waited for).
@@ -81,18 +93,66 @@ bool CommandeFinie(pid_t i_Pid) {
            st.si_pid == i_Pid;
 }
 
+// Reads what the command has written so far, keeping its beginning; closes
+// the pipe at its end.
+void LitSortie(Commande *pst) {
+    char Pc[4096];
+    while (pst->i_Sortie >= 0) {
+        ssize_t i_Lu = read(pst->i_Sortie, Pc, sizeof Pc);
+        if (i_Lu < 0 && errno == EINTR) continue;
+        if (i_Lu < 0) return;  // nothing more for now
+        if (i_Lu == 0) {
+            close(pst->i_Sortie);
+            pst->i_Sortie = -1;
+            return;
+        }
+        std::size_t t_Lu = static_cast<std::size_t>(i_Lu);
+        std::size_t t_Place = TAILLE_SORTIE_GARDEE - pst->s_Sortie.size();
+        pst->s_Sortie.append(Pc, t_Lu < t_Place ? t_Lu : t_Place);
+        pst->t_SortieTotale += t_Lu;
+    }
+}
+
+// Reads the command's output until the command has ended (its input is
+// closed).  A process the command left behind may hold the pipe open: once
+// the command itself has ended, what is there is taken and the pipe closed.
+void AttendSortie(Commande *pst) {
+    while (pst->i_Sortie >= 0 && !CommandeFinie(pst->i_Pid)) {
+        struct pollfd st_Attente = {pst->i_Sortie, POLLIN, 0};
+        if (poll(&st_Attente, 1, 100) > 0) LitSortie(pst);
+    }
+    LitSortie(pst);
+    if (pst->i_Sortie >= 0) close(pst->i_Sortie);
+    pst->i_Sortie = -1;
+}
+
+// Logs what the command wrote, control characters made spaces.
+void JournaliseSortie(const Commande &st, const char *pc_Action) {
+    if (st.t_SortieTotale == 0) return;
+    std::string s = st.s_Sortie;
+    for (char &c : s)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+    syslog(LOG_WARNING, "v1.1.0/1895: Sortie de la commande <%s> (%zu octets) : %s. %s", pc_Action,
+           st.t_SortieTotale, s.c_str(), gPc_InfoMessEnCours);
+}
+
+// Result of EcritTout for a command that ended before reading its input.
+constexpr int CODE_FIN_SANS_LIRE = -1;
+
 // Writes the bytes whole to the command; 0, errno, or CODE_FIN_SANS_LIRE
 // when it ended with its input full.
-int EcritTout(const Commande &st, const char *pc, std::size_t t_Long) {
+int EcritTout(Commande *pst, const char *pc, std::size_t t_Long) {
     while (t_Long > 0) {
-        ssize_t i_Compte = write(st.i_Fd, pc, t_Long);
+        ssize_t i_Compte = write(pst->i_Fd, pc, t_Long);
         if (i_Compte < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN) return errno;
-            // Full: wait for room, as long as the command is there to read.
-            struct pollfd st_Attente = {st.i_Fd, POLLOUT, 0};
-            if (poll(&st_Attente, 1, 100) == 0 && CommandeFinie(st.i_Pid))
-                return CODE_FIN_SANS_LIRE;
+            // Full: wait for room, as long as the command is there to read,
+            // taking what it writes meanwhile.
+            struct pollfd t_Attente[2] = {{pst->i_Fd, POLLOUT, 0}, {pst->i_Sortie, POLLIN, 0}};
+            int i_Prets = poll(t_Attente, 2, 100);
+            if (i_Prets > 0 && t_Attente[1].revents != 0) LitSortie(pst);
+            if (i_Prets == 0 && CommandeFinie(pst->i_Pid)) return CODE_FIN_SANS_LIRE;
             continue;
         }
         pc += i_Compte;
@@ -113,10 +173,12 @@ int AttendFils(pid_t i_Pid) {
 
 // Stops a command whose input is incomplete, before its input is closed: a
 // submission program that saw an end of input would send a cut message.
-void AbandonneFils(Commande *pst) {
+void AbandonneFils(Commande *pst, const char *pc_Action) {
     kill(pst->i_Pid, SIGKILL);
     close(pst->i_Fd);
     close(pst->i_Temoin);
+    AttendSortie(pst);
+    JournaliseSortie(*pst, pc_Action);
     AttendFils(pst->i_Pid);
     gi_PidCommandeEnCours = 0;
 }
@@ -125,17 +187,25 @@ void AbandonneFils(Commande *pst) {
 // errno of the failure (the exec's own included).  The command is spawned
 // without copying this process: a list of ten thousand members starts a
 // hundred of them.  It inherits nothing of this process but its environment
-// and the pipe (no directory connection, no spool file), with the default
+// and its pipes (no directory connection, no spool file), with the default
 // SIGPIPE and SIGALRM and no signal blocked; alarms and timers are never
 // inherited by a new process.
 int LanceCommande(char *const *tpc_Argv, Commande *pst) {
-    int t_Entree[2];
+    int t_Entree[2], t_Sortie[2];
     if (pipe2(t_Entree, O_CLOEXEC) != 0) return errno;
+    if (pipe2(t_Sortie, O_CLOEXEC) != 0) {
+        int i_Err = errno;
+        close(t_Entree[0]);
+        close(t_Entree[1]);
+        return i_Err;
+    }
     posix_spawn_file_actions_t st_Actions;
     posix_spawnattr_t st_Attributs;
     posix_spawn_file_actions_init(&st_Actions);
     posix_spawnattr_init(&st_Attributs);
     posix_spawn_file_actions_adddup2(&st_Actions, t_Entree[0], 0);
+    posix_spawn_file_actions_adddup2(&st_Actions, t_Sortie[1], 1);
+    posix_spawn_file_actions_adddup2(&st_Actions, t_Sortie[1], 2);
     posix_spawn_file_actions_addclosefrom_np(&st_Actions, 3);
     sigset_t st_Defaut, st_Vide;
     sigemptyset(&st_Defaut);
@@ -160,15 +230,19 @@ int LanceCommande(char *const *tpc_Argv, Commande *pst) {
     sigprocmask(SIG_SETMASK, &st_Avant, nullptr);
     posix_spawn_file_actions_destroy(&st_Actions);
     posix_spawnattr_destroy(&st_Attributs);
+    close(t_Sortie[1]);
     if (i_Err != 0) {
         close(t_Entree[0]);
         close(t_Entree[1]);
+        close(t_Sortie[0]);
         return i_Err;
     }
     fcntl(t_Entree[1], F_SETFL, O_NONBLOCK);
+    fcntl(t_Sortie[0], F_SETFL, O_NONBLOCK);
     pst->i_Pid = i_Pid;
     pst->i_Fd = t_Entree[1];
     pst->i_Temoin = t_Entree[0];
+    pst->i_Sortie = t_Sortie[0];
     return 0;
 }
 
@@ -198,9 +272,9 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
     //    input full gets nothing more: its status says the rest).
     for (Entete *pet = pet_Message; pet != nullptr && i_Err == 0; pet = pet->pet_Suivant) {
         if (pet->pc_Ligne == nullptr) continue;
-        i_Err = EcritTout(st_Cmd, pet->pc_Ligne, LongueurLigne(pet));
+        i_Err = EcritTout(&st_Cmd, pet->pc_Ligne, LongueurLigne(pet));
         if (i_Err > 0) {
-            AbandonneFils(&st_Cmd);
+            AbandonneFils(&st_Cmd, pc_Action);
             TraitementErreur(NIVEAU_CRITIQUE,
                              "v1.1.0/1839: Erreur fputs entete vers commande <%s>, errno=%d (%s). "
                              "%s. Possibilite de depots repetes",
@@ -213,9 +287,9 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
         static char s_Morceau[TAILLE_MORCEAU_CMD];
         std::size_t t_Lu;
         while (i_Err == 0 && (t_Lu = fread(s_Morceau, 1, sizeof s_Morceau, pf_Corps)) > 0) {
-            i_Err = EcritTout(st_Cmd, s_Morceau, t_Lu);
+            i_Err = EcritTout(&st_Cmd, s_Morceau, t_Lu);
             if (i_Err > 0) {
-                AbandonneFils(&st_Cmd);
+                AbandonneFils(&st_Cmd, pc_Action);
                 TraitementErreur(NIVEAU_CRITIQUE,
                                  "v1.1.0/1845: Erreur fputs corps vers commande <%s>, errno=%d "
                                  "(%s). %s. Possibilite de depots repetes",
@@ -226,7 +300,7 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
             // The message is incomplete: the command must not see an end of
             // input and send what it has; Postfix keeps the whole message.
             i_Err = errno;
-            AbandonneFils(&st_Cmd);
+            AbandonneFils(&st_Cmd, pc_Action);
             TraitementErreur(NIVEAU_CRITIQUE,
                              "v1.1.0/1847: Erreur lecture du corps pour la commande <%s>, "
                              "errno=%d (%s). %s",
@@ -235,11 +309,13 @@ void DelivreMessage(Entete *pet_Message, FILE *pf_Corps, const char *pc_Action,
     }
 
     // 5. End of input; wait for the command, then see that it read it all.
-    errno = 0;
     close(st_Cmd.i_Fd);
+    AttendSortie(&st_Cmd);
+    errno = 0;
     int i_Etat = AttendFils(st_Cmd.i_Pid);
     int i_ErrAttente = errno;
     gi_PidCommandeEnCours = 0;
+    JournaliseSortie(st_Cmd, pc_Action);
     int i_NonLus = 0;
     if (ioctl(st_Cmd.i_Temoin, FIONREAD, &i_NonLus) != 0) i_NonLus = 0;
     close(st_Cmd.i_Temoin);

@@ -926,6 +926,9 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     // holds the message: a QUIT that cannot be written or answered ends
     // nothing but the session, and is only a warning (a retry would deliver
     // the message twice).  Its reply is QUIT's own, and is not examined.
+    // This is the run's last delivery: with nothing to report, nothing that
+    // remains can change its outcome.
+    if (*ppc_Rapport == nullptr) gi_IssueAcquise = 1;
     i_Res = Write_LMTP(i_Fd, "QUIT\n");
     if (i_Res != 0) {
         TraitementErreur(NIVEAU_AVERTISSEMENT,

@@ -41,7 +41,9 @@
 //   there again): the first is then reported like a later one.  Each later
 //   one that is not 250 is one recipient line of the report, like a refusal
 //   of its recipient command.  Once every reply is in, the store holds the
-//   message: a QUIT that cannot be written or answered is only a warning.
+//   message: a QUIT that cannot be written or answered is only a warning,
+//   and, when the report is empty, the run's outcome is settled
+//   (gi_IssueAcquise).
 //   Time limits: gi_DelaiReseau (120 s) for connect, every write and reply;
 //   gi_DelaiFinDonnees (360 s) for all the replies after the end of data
 //   together (to the second).
@@ -80,7 +82,12 @@
 //   SIGPIPE reaches it.)
 //   A body stream that fails to read stops the command (SIGKILL) before its
 //   input is closed, so that it never sends a cut message (level 2, 1847).
-//   Messages: 1826 (LOG_INFO), 1950 (LOG_NOTICE); reports: level 2 1835
+//   The command's standard output and error go to a pipe of this process,
+//   read while the command runs (a chatty command never blocks), and their
+//   first 512 bytes are logged (1895, LOG_WARNING): Postfix closes the
+//   program's own output after a few kilobytes, and a command writing there
+//   then would die by SIGPIPE.
+//   Messages: 1826 (LOG_INFO), 1895 (LOG_WARNING), 1950 (LOG_NOTICE); reports: level 2 1835
 //     1839 1845 1847 1893, level 2 or 3 1891, level 3 1951 (sender too long for
 //     any command), level -3 1952.
 #pragma once

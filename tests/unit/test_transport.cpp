@@ -39,6 +39,7 @@ struct Essai {
     Liste v_Entete = {"Return-Path: <x@y>\n", "From: a@b.example\n", "return-path: <z@y>\n", ".Bizarre: x\n", "\n"};
     std::string s_Corps = "Bonjour\n.\nfin\n";
     bool b_Flux = true;  // body as a stream, or loaded into the list in 1023-byte pieces
+    bool b_Budget = false;  // under a run budget (1 s) shorter than the replies' limit (3 s)
 };
 
 // Runs one attempt in a child against the designation; its result, then
@@ -50,6 +51,7 @@ ResultatEnfant Tente(const std::string &s_Serveur, const Essai &e) {
         gi_nbDestLcmd = 2;
         snprintf(gPc_MessageId, sizeof gPc_MessageId, "id.1@ext.example");
         gi_DelaiReseau = gi_DelaiFinDonnees = 1;
+        if (e.b_Budget) gi_DelaiReseau = 3, gi_BudgetExecution = 1, ArmeBudgetExecution();
         Liste v_Lignes = e.v_Entete;
         FILE *pf = FluxOctets(e.s_Corps);
         char pc[TAILLE_LECTURE];
@@ -113,8 +115,10 @@ TEST(Lmtp, TransparenceDesDonnees) {
 // standard error.  Before the data a failure is a result for a later attempt;
 // while replies to the data are due the process ends; once every accepted
 // mailbox has its reply the message is delivered and a lost QUIT is only a
-// warning.  A first reply to the data that is not 250 retries the message
-// only when no other mailbox took it; a continued 5xx reply is a refusal.
+// warning, and the run's budget spent then ends it with 0, unless a notice
+// is still to be sent.  A first reply to the data that is not 250 retries
+// the message only when no other mailbox took it; a continued 5xx reply is
+// a refusal.
 TEST(Lmtp, IssuesDuDialogue) {
     EtapeLmtp st_DeuxSurTrois = Rep("250 2.1.5 ok\r\n250 2.1.5 ok\r\n"), st_NeLitPlus = GO, st_Lent = GO;
     st_DeuxSurTrois.b_FermeApres = true;
@@ -130,6 +134,7 @@ TEST(Lmtp, IssuesDuDialogue) {
         const char *pc_Err;  // null: none
         int i_Boites = 1;
         bool b_Unix = false;
+        bool b_Budget = false;
     } t[] = {
         {{Rep("421 4.3.2 shutting down\r\n")}, "1", nullptr},
         {{ACCUEIL, Rep("550 5.1.0 bad sender\r\n")},
@@ -158,12 +163,16 @@ TEST(Lmtp, IssuesDuDialogue) {
         {{ACCUEIL, OK, OK, GO, OK, Ferme()}, "0",
          "4, v1.1.0/1581: Erreur Read_LMTP pendant attente reponse quit, errno=104 (Connection reset by "
          "peer). message-id=<id.1@ext.example>, from=<emetteur@ext.example>, to=<->(-/2)\n"},
+        {{ACCUEIL, OK, OK, GO, OK, Bloque()}, "",
+         "4, v1.1.0/3654: Duree maximale d'execution atteinte (1 s) apres la remise", 1, false, true},
+        {{ACCUEIL, OK, OK, Rep("550 5.1.1 unknown\r\n"), GO, OK, Bloque()}, "75", "2, v1.1.0/3652: ", 2, false, true},
     };
     for (const auto &c : t) {
         SCOPED_TRACE(c.s_Retour);
         ServeurLmtpEssai srv(c.v_Script, c.b_Unix);
         Essai e;
         for (int i = 1; i < c.i_Boites; i++) e.v_Boites.push_back("b"), e.v_Adresses.push_back("b@x");
+        e.b_Budget = c.b_Budget;
         if (c.pc_Err && strstr(c.pc_Err, "1531")) e.s_Corps.assign(8 << 20, 'x');  // beyond any socket buffer
         ResultatEnfant r = Tente(srv.Designation(), e);
         EXPECT_EQ(r.i_Statut == 75 ? "75" : r.s_Sortie, c.s_Retour) << r.s_Erreur;
@@ -269,6 +278,22 @@ TEST(Commande, Lots) {
                   std::multiset<std::string>(c.v.begin(), c.v.end()));
     }
     EXPECT_NE(access(s_Pirate.c_str(), F_OK), 0);
+}
+
+// A command that writes warnings, more of them than a pipe holds, before
+// it reads its input: it is fed the whole message and succeeds, and none of
+// its output reaches this process's standard error (Postfix's, under the
+// pipe service, which stops reading it after a few kilobytes).
+TEST(Commande, SortieDeLaCommande) {
+    Capture cap;
+    setenv("CAPTURE_BAVARD", "300000", 1);
+    const std::string s_Corps(std::size_t{1} << 20, 'x');
+    ResultatEnfant r = Envoi("e", {"a@b"}, FluxOctets(s_Corps));
+    unsetenv("CAPTURE_BAVARD");
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    EXPECT_EQ(r.s_Erreur.find("bavard"), std::string::npos);
+    ASSERT_EQ(cap.Appels().size(), 1u);
+    EXPECT_EQ(cap.Appels()[0].s_Entree, MESSAGE.substr(0, MESSAGE.size() - CORPS.size()) + s_Corps);
 }
 
 // Runs that must leave the message with Postfix (75): a failed batch, which

@@ -14,6 +14,9 @@
 //                       end of its input leaves no .fin file.
 //   CAPTURE_LIMITE      read at most this many bytes, then close standard
 //                       input and exit (a command that stops reading early).
+//   CAPTURE_BAVARD      before reading, write this many bytes of warnings
+//                       ("capture: bavard\n" repeated) to standard error,
+//                       and one such line to standard output.
 // Its exit status is the number in the file <dir>/statut-<k>, else 0; a
 // negative number -n ends the program by signal n instead.
 // A file-size limit inherited from the program under test (a test that
@@ -55,6 +58,14 @@ int main(int argc, char **argv) {
         if (pf_Argv == nullptr) return 70;
         for (int i = 0; i < argc; i++) fwrite(argv[i], 1, strlen(argv[i]) + 1, pf_Argv);
         if (fclose(pf_Argv) != 0 || (pf_Entree = fdopen(i_Fd, "w")) == nullptr) return 70;
+    }
+
+    const char *pc_Bavard = getenv("CAPTURE_BAVARD");
+    if (pc_Bavard != nullptr) {
+        static const char PC_LIGNE[] = "capture: bavard\n";
+        if (write(1, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return 71;
+        for (long long ll = atoll(pc_Bavard); ll > 0; ll -= static_cast<long long>(sizeof PC_LIGNE - 1))
+            if (write(2, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return 71;
     }
 
     // Standard input, up to its end or the limit.
