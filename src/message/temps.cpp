@@ -124,6 +124,10 @@ void _debatt(int i_Limite) {
 // Ends the guard; ETIMEDOUT when the alarm fired.
 int _finatt() {
     int i_Err = errno;
+    // Ignored first: an alarm that expires while it is being cancelled
+    // would otherwise run the handler, which arms it again, after the
+    // cancel, and with the default action restored it would end the process.
+    _Signal(SIGALRM, SIG_IGN);
     alarm(0);
     _Signal(SIGALRM, SIG_DFL);
     int i_Res = gi_timeout;
