@@ -19,7 +19,8 @@
 // Messages: 4198 not in the directory, 4205 no delivery kind, 4422 list
 // kind not supported, 4499 kind not supported, 4196 recipient too long for a
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
-// ATTENTE, 4398 and 4411 list expansion (information); 4386 4450 4467
+// ATTENTE, 4477 a mailbox already in the transaction (a second address of
+// its entry), 4398 and 4411 list expansion (information); 4386 4450 4467
 // allocation (level 2).  Submissions report their own failures.
 // The decisions the explain form shares with the loop are apart: the
 // delivery-kind table (TypeDeRemise), the lookup with its reports
@@ -267,6 +268,17 @@ void TraiteDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_A
         case TypeRemise::Lmtp: {
             const char *pc_Uid = UidLmtp(ttpc_Valeurs);
             if (pc_Uid == nullptr) break;
+            // Two addresses of one entry name one mailbox: a second
+            // recipient command for it would store the message twice.  The
+            // store takes mailbox names without regard to case.
+            bool b_Deja = false;
+            for (int i = 0; i < pst_Lmtp->i_Nb && !b_Deja; i++)
+                b_Deja = strcasecmp(pst_Lmtp->tpc_Uid[i], pc_Uid) == 0;
+            if (b_Deja) {
+                syslog(LOG_INFO, "v1.1.0/4477: Boite <%s> deja dans la transaction LMTP. %s",
+                       pc_Uid, gPc_InfoMessEnCours);
+                break;
+            }
             char *pc_Copie = strdup(pc_Uid);
             if (pc_Copie == nullptr) {
                 TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/4476: Erreur Malloc uid. %s",

@@ -36,6 +36,7 @@
 // The texts are French without accents, like the log lines, so that any
 // terminal shows them; directory values and header lines are shown as they
 // are.  Messages: 4601 the minimal message cannot be fed (level 2).
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,6 +45,7 @@
 #include <string>
 #include <strings.h>
 #include <unistd.h>
+#include <vector>
 
 #include "directory/directory.h"
 #include "driver/driver.h"
@@ -299,7 +301,8 @@ void ExpliqueListe(TypeRemise e_Type, char **const *ttpc_Valeurs) {
 
 // Recipients collected for the LMTP transaction.
 struct CollecteExplication {
-    std::string s_Boites;  // one "rcpt to:" line per recipient
+    std::string s_Boites;  // one "rcpt to:" line per mailbox
+    std::vector<std::string> v_Uids;
     int i_Nb = 0;
 };
 
@@ -327,7 +330,15 @@ void ExpliqueDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst
             ExpliqueReponse(pst_Analyse, ttpc_Valeurs);
             switch (e_Type) {
             case TypeRemise::Lmtp:
-                if (const char *pc_Uid = UidLmtp(ttpc_Valeurs); pc_Uid != nullptr) {
+                if (const char *pc_Uid = UidLmtp(ttpc_Valeurs); pc_Uid == nullptr) {
+                } else if (std::any_of(pst_Lmtp->v_Uids.begin(), pst_Lmtp->v_Uids.end(),
+                                       [&](const std::string &s) {
+                                           return strcasecmp(s.c_str(), pc_Uid) == 0;
+                                       })) {
+                    printf("  -> LMTP : boite <%s%s>, deja dans la transaction\n", pc_Uid,
+                           pc_Suffixe);
+                } else {
+                    pst_Lmtp->v_Uids.emplace_back(pc_Uid);
                     printf("  -> LMTP : boite <%s%s>, dans la transaction apres la boucle\n",
                            pc_Uid, pc_Suffixe);
                     pst_Lmtp->s_Boites += std::string("  rcpt to:<") + pc_Uid + pc_Suffixe +

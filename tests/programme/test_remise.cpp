@@ -64,7 +64,7 @@ const std::string REPONSE = "ravokVixReponse: 10~ TOUT:x ";
 const std::string LEGER = "cn:: Qm9iIEzDqWdlcg==\nravokVixServeurPrincipal: MX1\n";  // "Bob Léger"
 
 const std::string ENTREES =
-    Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\n") +
+    Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\nmail: Robert@vorane.example\n") +
     Boite("carole", "LMTP-cyrus", "cn: Carole\n") + Boite("nul", "NULL", "cn: Nul\n") +
     Boite("attente", "ATTENTE", "cn: A\n") + Boite("bizarre", "FAX", "cn: B\n") +
     Boite("boite", "LMTP", "cn: c\n") + Boite("double", "LMTP", "cn: c\n") +
@@ -179,7 +179,8 @@ std::string Message(const std::string &s_EnPlus = "", const std::string &s_Corps
 }
 
 // One run through the recipient loop, sender in mixed case: mailboxes
-// share one transaction (the store gets the rewritten header and the body,
+// share one transaction, where a second address of an entry adds no second
+// recipient command (the store gets the rewritten header and the body,
 // dot-stuffed, no Return-Path), drops pass silently, unknown and broken
 // entries are reported at level -3 with a dump and an incident notice
 // each, a restriction refuses with a notice, an automatic reply quotes the
@@ -193,7 +194,7 @@ TEST_F(Remise, BoucleAvisEtReponse) {
     const Liste v_Dest = {"Alice@Vorane.Example", "absente@vorane.example", "ferme@vorane.example",
                           "nul@vorane.example", "inconnu@vorane.example", "sansuid@vorane.example",
                           "sansremise@vorane.example", "bizarre@vorane.example", "bob@vorane.example",
-                          "carole@vorane.example"};
+                          "carole@vorane.example", "robert@vorane.example"};
     // First the explain form, which acts on nothing: no command, no
     // connection to the store (it serves one), no frequency file, no dump.
     ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, "Ext@Partenaire.TEST", v_Dest,
@@ -206,15 +207,15 @@ TEST_F(Remise, BoucleAvisEtReponse) {
     r = Lance({"-r", st_Lmtp.Designation()}, "Ext@Partenaire.TEST", v_Dest, Message("", "corps\n.\n..x\n"));
     EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
     const std::string s_Info = ". message-id=<essai-1@partenaire.test>, from=<ext@partenaire.test>, to=";
-    std::string s_Erreur = "remise-vorane[" + std::to_string(r.i_Pid) + "]: " + s_Info.substr(2) + "<->(-/10)\n";
+    std::string s_Erreur = "remise-vorane[" + std::to_string(r.i_Pid) + "]: " + s_Info.substr(2) + "<->(-/11)\n";
     for (const std::string &s :
          {"v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire" + s_Info +
-              "<inconnu@vorane.example>(5/10)",
+              "<inconnu@vorane.example>(5/11)",
           "v1.1.0/4475: Erreur annuaire, 'uid' non renseigne pour une remise LMTP" + s_Info +
-              "<sansuid@vorane.example>(6/10)",
-          "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne" + s_Info + "<sansremise@vorane.example>(7/10)",
+              "<sansuid@vorane.example>(6/11)",
+          "v1.1.0/4205: Erreur annuaire, 'ravokVixRemise' non renseigne" + s_Info + "<sansremise@vorane.example>(7/11)",
           "v1.1.0/4499: Erreur annuaire, type de remise non supporte, 'ravokVixRemise=FAX'" + s_Info +
-              "<bizarre@vorane.example>(8/10)"})
+              "<bizarre@vorane.example>(8/11)"})
         s_Erreur += " !ERR:-3, " + s + "\n" + s + "\n";
     EXPECT_EQ(r.s_Erreur, s_Erreur);
     EXPECT_EQ(Dumps("ERR", r.i_Pid).size(), 4u);
@@ -259,7 +260,7 @@ TEST_F(Remise, BoucleAvisEtReponse) {
               "Un incident technique grave a emp\xea" "ch\xe9 la remise du message \xe0  "
               "<mailto:inconnu@vorane.example>\n\nDescription du probleme de remise-vorane:\n"
               "v1.1.0/4198: Destinataire <inconnu@vorane.example> non trouve dans l'annuaire" + s_Info +
-              "<inconnu@vorane.example>(5/10)\n\nServeur en cause: <hote>\n"
+              "<inconnu@vorane.example>(5/11)\n\nServeur en cause: <hote>\n"
               "Fichier d'infos pour debug: " + SPOOL + "Erreurs/<dump>\n");
 }
 
