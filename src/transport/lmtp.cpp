@@ -883,12 +883,13 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     }
     // The first reply speaks for the message: 250 goes on, a permanent
     // failure is the message's refusal (reported to the sender, no QUIT).
-    // Anything else (over quota included) retries the message whole, unless
-    // another mailbox took it: a retry would deliver it to that one again,
-    // so the first is then reported like any later one.
+    // Anything else (over quota included) retries the message whole.  When
+    // another mailbox took it, neither holds: the sender would be told the
+    // message was not delivered, or a retry would deliver it there again;
+    // the first is then reported by name like any later one.
     bool b_Refuse = false;  // the message itself was refused: no QUIT
     e_Rep = ClasseReponseEntiere(v_Reponses[0].c_str());
-    if (e_Rep == ReponseLmtp::Permanente) {
+    if (e_Rep == ReponseLmtp::Permanente && !b_UneRemise) {
         TraitementErreur(NIVEAU_AVERTISSEMENT,
                          "v1.1.0/1551: Message non remis, reponse <%s> en fin de DATA. %s",
                          v_Reponses[0].c_str(), gPc_InfoMessEnCours);

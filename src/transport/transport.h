@@ -37,8 +37,9 @@
 //   classed by its code.  The first accepted recipient's reply decides for
 //   the message: 250 goes on, a permanent failure (5xx) is a warning and the
 //   end-of-data report (no QUIT), anything else a retry of the whole
-//   message, unless another mailbox answered 250 (a retry would deliver it
-//   there again): the first is then reported like a later one.  Each later
+//   message, unless another mailbox answered 250 (the message is delivered
+//   there, and a retry would deliver it again): the first is then reported
+//   by name like a later one.  Each later
 //   one that is not 250 is one recipient line of the report, like a refusal
 //   of its recipient command.  Once every reply is in, the store holds the
 //   message: a QUIT that cannot be written or answered is only a warning,

@@ -527,7 +527,8 @@ TEST_F(Avis, FichierDeFrequence) {
 // ends with 0 after one attempt (no second copy to those answered 250),
 // and one notice names each refused mailbox with the store's reply (an
 // over-quota refusal in words).  An unanswered QUIT is a warning; a first
-// reply after the data that refuses the message ends the session at once.
+// reply after the data that refuses the message, with no mailbox taking it,
+// ends the session at once.
 TEST_F(Avis, RefusDuServeurLmtp) {
     const std::string B2 = "Destinataire <b2@vorane.example>, r\xe9ponse du serveur :\n";
     const std::string PLEINE = "Bo\xeete pleine, message refus\xe9 ...\n";
@@ -541,11 +542,13 @@ TEST_F(Avis, RefusDuServeurLmtp) {
          "Les destinataires suivants n'ont pas recu votre message:\n\n" + B2 + "550 5.1.1 User unknown\n\n"
          "Destinataire <b3@vorane.example>, r\xe9ponse du serveur :\n" + PLEINE +
          "Destinataire <alice@vorane.example>, r\xe9ponse du serveur :\n451 4.3.0 Try later\n\n"},
-        {"250 ok\n", "554 5.6.0 Message contains invalid header\n452 4.2.2 Over quota\n250 ok\n250 ok\n",
+        {"250 ok\n", "554 5.6.0 Message contains invalid header\n452 4.2.2 Over quota\n451 a\n451 b\n",
          Rep("221 bye\n"), "\n.\n",
          " !ERR:4, v1.1.0/1551: Message non remis, reponse <554 5.6.0 Message contains invalid header\n>",
          "Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
-         "554 5.6.0 Message contains invalid header\n" + B2 + PLEINE},
+         "554 5.6.0 Message contains invalid header\n" + B2 + PLEINE +
+         "Destinataire <b3@vorane.example>, r\xe9ponse du serveur :\n451 a\n\n"
+         "Destinataire <alice@vorane.example>, r\xe9ponse du serveur :\n451 b\n\n"},
     };
     for (const auto &c : t) {
         SCOPED_TRACE(c.s_FinDonnees);

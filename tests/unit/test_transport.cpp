@@ -155,6 +155,9 @@ TEST(Lmtp, IssuesDuDialogue) {
         {{ACCUEIL, OK, OK, OK, GO, Rep("451 4.3.0 later\r\n250 ok\r\n"), OK},
          "0|Les destinataires suivants n'ont pas recu votre message:\n\nDestinataire <alice@vorane.example>, "
          "r\xe9ponse du serveur :\n451 4.3.0 later\r\n\n", nullptr, 2},
+        {{ACCUEIL, OK, OK, OK, GO, Rep("550 5.1.1 gone\r\n250 ok\r\n"), OK},
+         "0|Les destinataires suivants n'ont pas recu votre message:\n\nDestinataire <alice@vorane.example>, "
+         "r\xe9ponse du serveur :\n550 5.1.1 gone\r\n\n", nullptr, 2},
         {{ACCUEIL, OK, OK, GO, Rep("550-5.6.0 one\r\n550 5.6.0 two\r\n")},
          "0|Votre message n'a pas pu etre remis\nLa reponse du serveur en fin de DATA est:\n\n"
          "550-5.6.0 one\r\n550 5.6.0 two\r\n", "4, v1.1.0/1551: "},
