@@ -315,6 +315,19 @@ int LitReponseEntiere(int i_Fd, Reception *pst_Rec, AssemblageReponse *pst_Rep,
     }
 }
 
+// Reads the dialogue's next reply whole into the dialogue buffer (at most
+// TAILLE_DIALOGUE - 1 bytes kept): a reply that comes in several reads is
+// read to its last line, and what a read brings after it belongs to the
+// next command.  A reply is still classed by its beginning, but a store
+// that splits one, or answers on several lines, no longer shifts every
+// later reply onto the wrong command.
+int LitReponseDialogue(int i_Fd, Reception *pst_Rec, char *pc_Dialogue) {
+    AssemblageReponse st_Rep;
+    int i_Res = LitReponseEntiere(i_Fd, pst_Rec, &st_Rep, Echeance(gi_DelaiReseau), gi_DelaiReseau);
+    if (i_Res == 0) memcpy(pc_Dialogue, st_Rep.Pc_Texte, st_Rep.t_Long + 1);
+    return i_Res;
+}
+
 // Data phase: the segments gathered so far.
 struct FluxDonnees {
     int i_Fd;
@@ -722,9 +735,10 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
         i_Res = ConnecteTcp(st_Serveur, &i_Fd);
     }
     if (i_Res != 0) return i_Res;
+    Reception st_Rec;  // what one read brought beyond the reply in hand
 
     // 3. Greeting.
-    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    i_Res = LitReponseDialogue(i_Fd, &st_Rec, Pc_Dialogue);
     if (i_Res != 0) return i_Res;
     if (ClasseReponseLmtp(Pc_Dialogue) != ReponseLmtp::Accueil) {
         syslog(LOG_WARNING, "v1.1.0/1404: Reponse connection=<%s>... %s", Pc_Dialogue,
@@ -744,7 +758,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     }
     i_Res = Write_LMTP(i_Fd, Pc_Dialogue);
     if (i_Res != 0) return i_Res;
-    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    i_Res = LitReponseDialogue(i_Fd, &st_Rec, Pc_Dialogue);
     if (i_Res != 0) return i_Res;
     ReponseLmtp e_Rep = ClasseReponseLmtp(Pc_Dialogue);
     if (e_Rep == ReponseLmtp::Permanente) {
@@ -780,7 +794,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
         PoseTemoin(pc_Boite);
         i_Res = Write_LMTP(i_Fd, Pc_Dialogue);
         if (i_Res != 0) return i_Res;
-        i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+        i_Res = LitReponseDialogue(i_Fd, &st_Rec, Pc_Dialogue);
         if (i_Res != 0) return i_Res;
         e_Rep = ClasseReponseLmtp(Pc_Dialogue);
         if (e_Rep == ReponseLmtp::Ok) {
@@ -802,7 +816,7 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     // 7. Data command.
     i_Res = Write_LMTP(i_Fd, "DATA\n");
     if (i_Res != 0) return i_Res;
-    i_Res = Read_LMTP(i_Fd, Pc_Dialogue, sizeof Pc_Dialogue, gi_DelaiReseau);
+    i_Res = LitReponseDialogue(i_Fd, &st_Rec, Pc_Dialogue);
     if (i_Res != 0) return i_Res;
     if (ClasseReponseLmtp(Pc_Dialogue) != ReponseLmtp::Donnees) {
         syslog(LOG_WARNING, "v1.1.0/1508: Reponse DATA=<%s>... %s", Pc_Dialogue, gPc_InfoMessEnCours);
@@ -866,7 +880,6 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     // commands, all within the end-of-data limit; every one is read before
     // any is acted on.  A missing one leaves the store's state unknown:
     // retry, at the risk of a second copy.
-    Reception st_Rec;
     AssemblageReponse st_Rep;
     const struct timespec st_FinDonnees = Echeance(gi_DelaiFinDonnees);
     std::vector<std::string> v_Reponses;
