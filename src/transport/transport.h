@@ -27,12 +27,15 @@
 //   Write_LMTP(fd, text) -> 0, or errno (connection closed).  The whole text
 //   is sent or the call fails; a time-out is ETIMEDOUT.
 //   Read_LMTP(fd, buffer, size, limit) -> 0 with one read's bytes
-//   NUL-terminated, or non-zero (connection closed).  The replies before
-//   the data are each what one read returns.
-//   After the data the store answers once per accepted recipient, in the
-//   order of the recipient commands; those replies, and QUIT's, are
-//   assembled by lines (AssembleReponseLmtp), so that a reply split over
-//   several reads, or several replies in one read, are each read as one.
+//   NUL-terminated, or non-zero (connection closed): the guarded read
+//   alone; the dialogue itself reads its replies whole, as follows.
+//   Every reply of the dialogue is assembled by lines (AssembleReponseLmtp)
+//   up to its last line, so that a reply split over several reads, or
+//   several replies in one read, are each read as one and none is taken
+//   for the next command's; a reply is still classed by its beginning
+//   ("550-..." to the sender command is no permanent failure).  After the
+//   data the store answers once per accepted recipient, in the order of
+//   the recipient commands.
 //   All are read before any is acted on; a continued reply ("550-...") is
 //   classed by its code.  The first accepted recipient's reply decides for
 //   the message: 250 goes on, a permanent failure (5xx) is a warning and the

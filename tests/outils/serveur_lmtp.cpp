@@ -1,6 +1,7 @@
 // serveur_lmtp.cpp - scripted LMTP server and child runner (see serveur_lmtp.h).
 #include "serveur_lmtp.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -71,7 +72,11 @@ std::size_t FinUnite(const std::string &s, bool b_Donnees) {
         std::string s_Rep = e.f_Reponse ? e.f_Reponse(s_Unite) : e.s_Reponse;
         b_Donnees = !b_Donnees && strncasecmp(s_Unite.c_str(), "DATA", 4) == 0 &&
                     s_Rep.compare(0, 3, "354") == 0;
-        EcritTout(i_Fd, s_Rep.data(), s_Rep.size());
+        for (std::size_t p = 0, q; p <= s_Rep.size(); p = q + 1) {
+            q = std::min(s_Rep.find('\x01', p), s_Rep.size());
+            if (p > 0) usleep(200000);
+            EcritTout(i_Fd, s_Rep.data() + p, q - p);
+        }
         if (e.b_BloqueApres)
             for (;;) pause();
         if (e.b_FermeApres) _exit(0);

@@ -30,7 +30,9 @@
 struct EtapeLmtp {
     enum Action { Repondre, Fermer, Bloquer };
     Action e_Action = Repondre;
-    std::string s_Reponse;  // sent as is (put the line end in it)
+    std::string s_Reponse;  // sent as is (put the line end in it); at a byte
+                            // \x01 the server pauses 200 ms instead (a reply
+                            // that comes in several reads)
     // Computes the reply from the unit received, in the server process.
     std::function<std::string(const std::string &)> f_Reponse;
     // After replying, stop reading (and answering) for good.

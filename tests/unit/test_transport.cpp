@@ -110,7 +110,8 @@ TEST(Lmtp, TransparenceDesDonnees) {
 // reads a trickle of it included), with the result and report (one of an
 // earlier attempt is dropped over TCP, kept and added to over a Unix socket;
 // a reply to the data over the buffer is cut to it, its rest not taken for
-// the next)
+// the next; a reply that comes in several reads is read whole, and none
+// is taken for the next command's)
 // or, for "75", the end of the process for a retry, and the one line on
 // standard error.  Before the data a failure is a result for a later attempt;
 // while replies to the data are due the process ends; once every accepted
@@ -140,6 +141,10 @@ TEST(Lmtp, IssuesDuDialogue) {
         {{ACCUEIL, Rep("550 5.1.0 bad sender\r\n")},
          "0|Message rejet\xe9, adresse SMTP d'\xe9mission <emetteur@ext.example> non valable", nullptr},
         {{ACCUEIL, Rep("550-first\r\n550 5.1.0 second\r\n")}, "1", nullptr},
+        {{Rep("220-hi\r\n\x01" "220 ready\r\n"), OK, Rep("550-a\r\n\x01" "550 5.1.1 b\r\n"), OK,
+          Rep("354 go\x01 ahead\r\n"), OK, OK},
+         "0|Les destinataires suivants n'ont pas recu votre message:\n\nDestinataire <alice@vorane.example>, "
+         "r\xe9ponse du serveur :\n550-a\r\n550 5.1.1 b\r\n\n", nullptr, 2},
         {{ACCUEIL, OK, Ferme()}, "104", nullptr},
         {{ACCUEIL, OK, OK, OK, GO, Rep(LONGUE + "250 ok\r\n"), OK}, "0", nullptr, 2},
         {{ACCUEIL, OK, OK, st_NeLitPlus}, "75",
