@@ -20,7 +20,8 @@
 // kind not supported, 4499 kind not supported, 4196 recipient too long for a
 // filter, 4475 LMTP entry without uid (all level -3); 4478 NULL and 4491
 // ATTENTE, 4477 a mailbox already in the transaction (a second address of
-// its entry), 4398 and 4411 list expansion (information); 4386 4450 4467
+// its entry), 4398 and 4411 list expansion (information); 4399 a list among
+// its own members (warning, that member skipped); 4386 4450 4467
 // allocation (level 2).  Submissions report their own failures.
 // The decisions the explain form shares with the loop are apart: the
 // delivery-kind table (TypeDeRemise), the lookup with its reports
@@ -34,6 +35,7 @@
 #include <strings.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <vector>
 
 #include "directory/directory.h"
 #include "driver/driver.h"
@@ -201,6 +203,27 @@ std::string AdresseTo() {
     return pc_Adresse;
 }
 
+// The members a list's delivery starts from: its ravokVixMembres values,
+// and for a list sent as stored, without the list's own address (any
+// case): such a list that names itself would get the message back through
+// Postfix and send it again, up to the hop limit, some fifty copies to
+// every member.  A list that is expanded here has its own bound, which
+// refuses a list that contains itself.  Null-ended; empty when the entry
+// has no member.  *pi_Retires: how many own addresses went.
+std::vector<char *> MembresListe(TypeRemise e_Type, char **const *ttpc_Valeurs, int *pi_Retires) {
+    *pi_Retires = 0;
+    std::vector<char *> v;
+    char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
+    if (tpc_Membres == nullptr) return v;
+    for (int i = 0; tpc_Membres[i] != nullptr; i++) {
+        if (e_Type == TypeRemise::Liste && strcasecmp(tpc_Membres[i], gpc_RcptTo) == 0)
+            (*pi_Retires)++;
+        else v.push_back(tpc_Membres[i]);
+    }
+    v.push_back(nullptr);
+    return v;
+}
+
 namespace {
 
 // A directory list: bounce and reply addresses from its info values, then
@@ -213,8 +236,13 @@ void RemiseListe(TypeRemise e_Type, char **const *ttpc_Valeurs) {
     ChargeCorps();
     if (pc_Reponse[0] != '\0') PoseReplyTo(pc_Reponse);
 
-    char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
-    if (tpc_Membres == nullptr) return;
+    int i_Retires = 0;
+    std::vector<char *> v_Membres = MembresListe(e_Type, ttpc_Valeurs, &i_Retires);
+    if (i_Retires > 0)
+        syslog(LOG_WARNING, "v1.1.0/4399: Liste <%s> membre d'elle-meme, adresse ignoree. %s",
+               gpc_RcptTo, gPc_InfoMessEnCours);
+    if (v_Membres.empty()) return;
+    char **tpc_Membres = v_Membres.data();
     const char *pc_Cn = pc_ValeurLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "cn", 0);
     if (pc_Cn == nullptr) pc_Cn = "";
     if (e_Type == TypeRemise::Liste) {

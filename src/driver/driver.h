@@ -14,6 +14,7 @@
 
 #include <ctime>
 #include <string>
+#include <vector>
 
 #include "message/message.h"
 #include "socle.h"
@@ -117,6 +118,10 @@ void SignaleRemiseNonSupportee(TypeRemise e_Type, const char *pc_Remise);
 // A list entry's bounce address (envelope sender when none) and reply
 // address (empty when none), pointing into its values.
 void AdressesListe(char **const *ttpc_Valeurs, const char **ppc_Bounce, const char **ppc_Reponse);
+// The members a list's delivery starts from: ravokVixMembres, for a list
+// sent as stored without the list's own address (gpc_RcptTo, any case;
+// *pi_Retires counts those), null-ended; empty when the entry has no member.
+std::vector<char *> MembresListe(TypeRemise e_Type, char **const *ttpc_Valeurs, int *pi_Retires);
 // The list's reply address as the working header's Reply-To.
 void PoseReplyTo(const char *pc_Reponse);
 // The first address of the working header's To, empty without one.

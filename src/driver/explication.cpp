@@ -275,12 +275,15 @@ void ExpliqueListe(TypeRemise e_Type, char **const *ttpc_Valeurs) {
                pc_Reponse);
         PoseReplyTo(pc_Reponse);
     }
-    char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
-    if (tpc_Membres == nullptr) {
+    int i_Retires = 0;
+    std::vector<char *> v_Membres = MembresListe(e_Type, ttpc_Valeurs, &i_Retires);
+    if (v_Membres.empty()) {
         printf("    aucun membre : rien n'est envoye\n");
         return;
     }
-    printf("    %d membre(s) inscrit(s)\n", NblTableau(tpc_Membres));
+    char **tpc_Membres = v_Membres.data();
+    printf("    %d membre(s) inscrit(s)\n", NblTableau(tpc_Membres) + i_Retires);
+    if (i_Retires > 0) printf("    la liste elle-meme parmi ses membres : ignoree\n");
     char **tpc_Tous = tpc_Membres;
     if (e_Type == TypeRemise::ListeMu) {
         tpc_Tous = ExploseMembres(tpc_Membres);

@@ -98,6 +98,7 @@ const std::string ENTREES =
     // The list deliveries' recipients.
     EntreeListe("liste", "LISTE", "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
                                   "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
+    EntreeListe("soi", "LISTE", "ravokVixMembres: Soi@Vorane.Example\nravokVixMembres: m3@c.example\n") +
     EntreeListe("vide", "LISTE-BR") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
     EntreeListe("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
                                   "ravokVixMembres: M1@A.example\n") +
@@ -792,10 +793,12 @@ std::string ApresTrace(const std::string &s) {
 // A list as stored (sorted by domain, its bounce address as sender), a list
 // without members, an unknown list kind (its notice), a Sympa list, a Sympa
 // bounce list, a list expanded through a nested one without duplicates in
-// any case (the message's sender as bounce address) and a mailbox in one run: the body is read once and each
-// delivery gets it whole (a NUL byte included), with the list's Reply-To in place of the message's,
-// also in the one LMTP transaction after the loop;
-// the Sympa programs get the list address and the first To address.
+// any case (the message's sender as bounce address), a list among its own
+// members (not sent to itself) and a mailbox in one run: the body is read
+// once and each delivery gets it whole (a NUL byte included), with the
+// list's Reply-To in place of the message's, also in the one LMTP
+// transaction after the loop; the Sympa programs get the list address and
+// the first To address.
 TEST_F(Diffusion, ListesSympaEtBoite) {
     Capture cap;
     ServeurLmtpEssai st_Lmtp({Rep("220 ok\n"), Rep("250 ok\n"), Rep("250 ok\n"), Rep("354 go\n"),
@@ -804,7 +807,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
     ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, EMETTEUR,
                                 {"liste@vorane.example", "vide@vorane.example", "fax@vorane.example",
                                  "sympa@vorane.example", "rebonds@vorane.example", "mu@vorane.example",
-                                 "boite@vorane.example"},
+                                 "soi@vorane.example", "boite@vorane.example"},
                                 MessageInterne("Reply-to: ailleurs@partenaire.test\n"
                                                "To: Liste <sympa@vorane.example>, autre@x.example\n") +
                                     "nul\0ici\n"s);
@@ -813,7 +816,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
                               "'ravokVixRemise=LISTE-FAX'. "),
               std::string::npos);
     std::vector<Appel> a = cap.Appels();
-    ASSERT_EQ(a.size(), 5u) << r.s_Erreur;
+    ASSERT_EQ(a.size(), 6u) << r.s_Erreur;
     EXPECT_EQ(a[0].v_Argv, (Liste{CAPTURE, "-i", "-f", "bounce@vorane.example", "--", "m1@a.example",
                                   "m2@b.example"}));
     const std::string s_Tete = "From: \"k@dept.vorane.example\"\n\t<k@dept.vorane.example>\n"
@@ -825,6 +828,7 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
     EXPECT_EQ(a[3].v_Argv, (Liste{CAPTURE, "sympa@vorane.example"}));
     EXPECT_EQ(a[4].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "M1@A.example", "m2@b.example",
                                   "x@c.example"}));
+    EXPECT_EQ(a[5].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "m3@c.example"}));
     const std::string s_Attendu =
         "Received: from poste by relais\nMessage-ID: <d-1@vorane.example>\n"
         "Subject: diffusion\nReply-To: liste@vorane.example\n"
