@@ -24,14 +24,14 @@
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
-
-extern char **environ;
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include "report/report.h"
 #include "socle.h"
+
+extern char **environ;
 
 namespace {
 
