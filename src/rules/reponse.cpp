@@ -199,7 +199,8 @@ int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Deta
                 return 2751;
             }
     if (pc_Corps == nullptr || pc_Corps[0] == '\0') return GARDE_CORPS_VIDE;
-    if (strncasecmp(RecupValeurEntete(pet_Entete, "X-Spam-Flag:"), "yes", 3) == 0) return 2773;
+    if (strncasecmp(ValeurDepliee(RecupValeurEntete(pet_Entete, "X-Spam-Flag:")), "yes", 3) == 0)
+        return 2773;
     if (RecupLigneEntete(pet_Entete, "X-Loop: REMISE-VORANE,") != nullptr) return 2793;
     return GARDE_AUCUNE;
 }

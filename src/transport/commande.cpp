@@ -132,8 +132,9 @@ void JournaliseSortie(const Commande &st, const char *pc_Action) {
     std::string s = st.s_Sortie;
     for (char &c : s)
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-    syslog(LOG_WARNING, "v1.1.0/1895: Sortie de la commande <%s> (%zu octets) : %s. %s", pc_Action,
-           st.t_SortieTotale, s.c_str(), gPc_InfoMessEnCours);
+    syslog(LOG_WARNING, "v1.1.0/1895: Sortie de la commande (%zu octets) : %s. <%.*s>. %s",
+           st.t_SortieTotale, s.c_str(), TAILLE_CITATION_JOURNAL, pc_Action,
+           gPc_InfoMessEnCours);
 }
 
 // Result of EcritTout for a command that ended before reading its input.
@@ -152,7 +153,10 @@ int EcritTout(Commande *pst, const char *pc, std::size_t t_Long) {
             struct pollfd t_Attente[2] = {{pst->i_Fd, POLLOUT, 0}, {pst->i_Sortie, POLLIN, 0}};
             int i_Prets = poll(t_Attente, 2, 100);
             if (i_Prets > 0 && t_Attente[1].revents != 0) LitSortie(pst);
-            if (i_Prets == 0 && CommandeFinie(pst->i_Pid)) return CODE_FIN_SANS_LIRE;
+            // Still no room: has it ended?  (A process it left behind may
+            // keep its output busy, so this is asked on every turn.)
+            if ((t_Attente[0].revents & POLLOUT) == 0 && CommandeFinie(pst->i_Pid))
+                return CODE_FIN_SANS_LIRE;
             continue;
         }
         pc += i_Compte;

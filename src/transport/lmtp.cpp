@@ -49,9 +49,6 @@ constexpr int CODE_CONNEXION_FERMEE = ECONNRESET;
 // Result for a host name that has no IPv4 address (the resolver sets no
 // errno of its own).
 constexpr int CODE_HOTE_INCONNU = EHOSTUNREACH;
-// At most this many bytes of a written text are quoted in a log line: a
-// failed write of a data buffer must not put the message into the log.
-constexpr int TAILLE_CITATION_JOURNAL = 200;
 
 // Body pieces are read in this size.  The data goes out as a gather list of
 // segments that point into the header texts, the piece in hand or the
@@ -324,8 +321,20 @@ int LitReponseEntiere(int i_Fd, Reception *pst_Rec, AssemblageReponse *pst_Rep,
 int LitReponseDialogue(int i_Fd, Reception *pst_Rec, char *pc_Dialogue) {
     AssemblageReponse st_Rep;
     int i_Res = LitReponseEntiere(i_Fd, pst_Rec, &st_Rep, Echeance(gi_DelaiReseau), gi_DelaiReseau);
-    if (i_Res == 0) memcpy(pc_Dialogue, st_Rep.Pc_Texte, st_Rep.t_Long + 1);
-    return i_Res;
+    if (i_Res != 0) return i_Res;
+    memcpy(pc_Dialogue, st_Rep.Pc_Texte, st_Rep.t_Long + 1);
+    // Nothing is pipelined: bytes after the reply mean a store out of step,
+    // whose replies would then be taken for later commands', those after
+    // the data included.  Before the data that is a retry, nothing lost.
+    if (pst_Rec->t_Debut != pst_Rec->t_Fin) {
+        syslog(LOG_WARNING, "v1.1.0/1406: Reponse en trop du serveur <%.*s>. %s",
+               static_cast<int>(std::min<std::size_t>(pst_Rec->t_Fin - pst_Rec->t_Debut,
+                                                      TAILLE_CITATION_JOURNAL)),
+               pst_Rec->Pc_Octets + pst_Rec->t_Debut, gPc_InfoMessEnCours);
+        close(i_Fd);
+        return 1;
+    }
+    return 0;
 }
 
 // Data phase: the segments gathered so far.

@@ -33,7 +33,9 @@
 //   up to its last line, so that a reply split over several reads, or
 //   several replies in one read, are each read as one and none is taken
 //   for the next command's; a reply is still classed by its beginning
-//   ("550-..." to the sender command is no permanent failure).  After the
+//   ("550-..." to the sender command is no permanent failure).  Bytes left
+//   after a reply before the data (nothing is pipelined: a store out of
+//   step) end the attempt with 1 (1406, LOG_WARNING).  After the
 //   data the store answers once per accepted recipient, in the order of
 //   the recipient commands.
 //   All are read before any is acted on; a continued reply ("550-...") is
@@ -54,7 +56,7 @@
 //   Dialogue buffer TAILLE_DIALOGUE (1024): a reply is at most 1023 bytes; a
 //   longer one is cut there.
 //   Messages, system log only (returned to the caller): 1264 1266 1286 1288
-//     1339 1354 1364 1376 1388 1404 1437 1451 1463 1566 (LOG_WARNING/INFO),
+//     1339 1354 1364 1376 1388 1404 1406 1437 1451 1463 1566 (LOG_WARNING/INFO),
 //     1429 (LOG_ERR), 1341 1342 (designation refused, LOG_WARNING),
 //     1428 (sender unusable on the wire, LOG_ERR), 1462 (mailbox unusable on
 //     the wire, LOG_WARNING).
@@ -108,6 +110,10 @@ constexpr std::size_t TAILLE_DESIGNATION = 128;
 constexpr std::size_t TAILLE_CHEMIN_SOCKET = 108;
 constexpr const char *PORT_LMTP_DEFAUT = "2003";
 constexpr const char *HOTE_LMTP_DEFAUT = "localhost";
+
+// At most this many bytes of a text that may be long (a written buffer, a
+// batch's command line) are quoted in a log line.
+constexpr int TAILLE_CITATION_JOURNAL = 200;
 
 // Command text of one sendmail batch, terminator included, and the most
 // entries one batch takes.

@@ -181,6 +181,7 @@ ResultatEnfant ExecuteEnFils(const std::function<std::string()> &f, int i_Limite
     if (i_Pid == 0) {
         close(t_Err[0]);
         close(t_Ret[0]);
+        dup2(t_Err[1], 1);
         dup2(t_Err[1], 2);
         close(t_Err[1]);
         signal(SIGPIPE, SIG_DFL);

@@ -14,9 +14,10 @@
 //
 // ListeLignes and FluxOctets build a message list and a body stream.
 //
-// ExecuteEnFils runs a callable in a forked child with its standard error
-// captured, and returns the child's exit status (or signal), its standard
-// error and the text the callable returned (written back through a pipe).
+// ExecuteEnFils runs a callable in a forked child with its standard output
+// and error captured together, and returns the child's exit status (or
+// signal), that output (in s_Erreur) and the text the callable returned
+// (written back through a pipe, in s_Sortie).
 // It is how tests call operations that may end the process (level 2).
 #pragma once
 

@@ -64,7 +64,9 @@ const std::string REPONSE = "ravokVixReponse: 10~ TOUT:x ";
 const std::string LEGER = "cn:: Qm9iIEzDqWdlcg==\nravokVixServeurPrincipal: MX1\n";  // "Bob Léger"
 
 const std::string ENTREES =
-    Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\nmail: Robert@vorane.example\n") +
+    Boite("alice", "LMTP", "cn: Alice\n") + Boite("bob", "lmtp", "cn: Bob\n") +
+    EntreeLdif("cn=robert", "objectClass: inetOrgPerson\nobjectClass: ravokVixBoite\ncn: robert\nsn: r\n"
+                            "uid: BOB\nmail: Robert@vorane.example\nravokVixRemise: LMTP\n") +
     Boite("carole", "LMTP-cyrus", "cn: Carole\n") + Boite("nul", "NULL", "cn: Nul\n") +
     Boite("attente", "ATTENTE", "cn: A\n") + Boite("bizarre", "FAX", "cn: B\n") +
     Boite("boite", "LMTP", "cn: c\n") + Boite("double", "LMTP", "cn: c\n") +
@@ -180,8 +182,9 @@ std::string Message(const std::string &s_EnPlus = "", const std::string &s_Corps
 }
 
 // One run through the recipient loop, sender in mixed case: mailboxes
-// share one transaction, where a second address of an entry adds no second
-// recipient command (the store gets the rewritten header and the body,
+// share one transaction, where an entry naming a mailbox already in it (its
+// uid in another case) adds no second recipient command (the store gets the
+// rewritten header and the body,
 // dot-stuffed, no Return-Path), drops pass silently, unknown and broken
 // entries are reported at level -3 with a dump and an incident notice
 // each, a restriction refuses with a notice, an automatic reply quotes the
@@ -490,7 +493,7 @@ TEST_F(Avis, GardesDesReponses) {
         {"non-authentifie@autre.example", "", {}, false},
         {EXT, "Auto-Submitted:\n auto-generated\n", {}, false}, {EXT, "Auto-Submitted: no\n", {}, true},
         {EXT, "List-Id: <l.partenaire.test>\n", {}, false}, {EXT, "X-List-Name: l\n", {}, false},
-        {EXT, "Precedence:\r\n\tjunk\n", {}, false}, {EXT, "X-Spam-Flag: YES\n", {}, false},
+        {EXT, "Precedence:\r\n\tjunk\n", {}, false}, {EXT, "X-Spam-Flag:\n YES\n", {}, false},
         {EXT, "X-Loop: REMISE-VORANE, <x>, <y>\n", {}, false},
     };
     for (const auto &c : t) {

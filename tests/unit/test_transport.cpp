@@ -111,7 +111,8 @@ TEST(Lmtp, TransparenceDesDonnees) {
 // earlier attempt is dropped over TCP, kept and added to over a Unix socket;
 // a reply to the data over the buffer is cut to it, its rest not taken for
 // the next; a reply that comes in several reads is read whole, and none
-// is taken for the next command's)
+// is taken for the next command's: a store that says more than asked is
+// out of step, and the attempt ends before the data)
 // or, for "75", the end of the process for a retry, and the one line on
 // standard error.  Before the data a failure is a result for a later attempt;
 // while replies to the data are due the process ends; once every accepted
@@ -141,6 +142,7 @@ TEST(Lmtp, IssuesDuDialogue) {
         {{ACCUEIL, Rep("550 5.1.0 bad sender\r\n")},
          "0|Message rejet\xe9, adresse SMTP d'\xe9mission <emetteur@ext.example> non valable", nullptr},
         {{ACCUEIL, Rep("550-first\r\n550 5.1.0 second\r\n")}, "1", nullptr},
+        {{ACCUEIL, OK, OK, Rep("354 go\r\n250 de trop\r\n")}, "1", nullptr},
         {{Rep("220-hi\r\n\x01" "220 ready\r\n"), OK, Rep("550-a\r\n\x01" "550 5.1.1 b\r\n"), OK,
           Rep("354 go\x01 ahead\r\n"), OK, OK},
          "0|Les destinataires suivants n'ont pas recu votre message:\n\nDestinataire <alice@vorane.example>, "
@@ -289,9 +291,10 @@ TEST(Commande, Lots) {
 }
 
 // A command that writes warnings, more of them than a pipe holds, before
-// it reads its input: it is fed the whole message and succeeds, and none of
-// its output reaches this process's standard error (Postfix's, under the
-// pipe service, which stops reading it after a few kilobytes).
+// and after it reads its input: it is fed the whole message and succeeds,
+// and none of its output reaches this process's standard output or error
+// (Postfix's, under the pipe service, which stops reading them after a few
+// kilobytes).
 TEST(Commande, SortieDeLaCommande) {
     Capture cap;
     setenv("CAPTURE_BAVARD", "300000", 1);

@@ -14,9 +14,9 @@
 //                       end of its input leaves no .fin file.
 //   CAPTURE_LIMITE      read at most this many bytes, then close standard
 //                       input and exit (a command that stops reading early).
-//   CAPTURE_BAVARD      before reading, write this many bytes of warnings
-//                       ("capture: bavard\n" repeated) to standard error,
-//                       and one such line to standard output.
+//   CAPTURE_BAVARD      before reading and again after it, write this many
+//                       bytes of warnings ("capture: bavard\n" repeated) to
+//                       standard error, and one such line to standard output.
 // Its exit status is the number in the file <dir>/statut-<k>, else 0; a
 // negative number -n ends the program by signal n instead.
 // A file-size limit inherited from the program under test (a test that
@@ -31,6 +31,17 @@
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
+
+// Writes CAPTURE_BAVARD's warnings, if asked; false when it cannot.
+static bool Bavarde() {
+    const char *pc_Bavard = getenv("CAPTURE_BAVARD");
+    if (pc_Bavard == nullptr) return true;
+    static const char PC_LIGNE[] = "capture: bavard\n";
+    if (write(1, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return false;
+    for (long long ll = atoll(pc_Bavard); ll > 0; ll -= static_cast<long long>(sizeof PC_LIGNE - 1))
+        if (write(2, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return false;
+    return true;
+}
 
 int main(int argc, char **argv) {
     struct rlimit st_Limite;
@@ -60,13 +71,7 @@ int main(int argc, char **argv) {
         if (fclose(pf_Argv) != 0 || (pf_Entree = fdopen(i_Fd, "w")) == nullptr) return 70;
     }
 
-    const char *pc_Bavard = getenv("CAPTURE_BAVARD");
-    if (pc_Bavard != nullptr) {
-        static const char PC_LIGNE[] = "capture: bavard\n";
-        if (write(1, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return 71;
-        for (long long ll = atoll(pc_Bavard); ll > 0; ll -= static_cast<long long>(sizeof PC_LIGNE - 1))
-            if (write(2, PC_LIGNE, sizeof PC_LIGNE - 1) < 0) return 71;
-    }
+    if (!Bavarde()) return 71;
 
     // Standard input, up to its end or the limit.
     char pc[65536];
@@ -83,6 +88,7 @@ int main(int argc, char **argv) {
         if (pf_Entree != nullptr && fwrite(pc, 1, t_Lu, pf_Entree) != t_Lu) return 70;
     }
     close(0);
+    if (!Bavarde()) return 71;
     if (pf_Entree != nullptr) {
         if (fclose(pf_Entree) != 0) return 70;
         FILE *pf_Fin = n == 0 ? fopen((s_Base + ".fin").c_str(), "w") : nullptr;
