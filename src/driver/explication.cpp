@@ -36,7 +36,6 @@
 // The texts are French without accents, like the log lines, so that any
 // terminal shows them; directory values and header lines are shown as they
 // are.  Messages: 4601 the minimal message cannot be fed (level 2).
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -309,6 +308,21 @@ struct CollecteExplication {
     int i_Nb = 0;
 };
 
+// An LMTP recipient's mailbox: one recipient command in the transaction,
+// none for a mailbox already in it.
+void ExpliqueBoite(const char *pc_Uid, const char *pc_Suffixe, CollecteExplication *pst_Lmtp) {
+    for (const std::string &s : pst_Lmtp->v_Uids)
+        if (strcasecmp(s.c_str(), pc_Uid) == 0) {
+            printf("  -> LMTP : boite <%s%s>, deja dans la transaction\n", pc_Uid, pc_Suffixe);
+            return;
+        }
+    pst_Lmtp->v_Uids.emplace_back(pc_Uid);
+    printf("  -> LMTP : boite <%s%s>, dans la transaction apres la boucle\n", pc_Uid, pc_Suffixe);
+    pst_Lmtp->s_Boites += std::string("  rcpt to:<") + pc_Uid + pc_Suffixe + ">  pour <" +
+                          gpc_RcptTo + ">\n";
+    pst_Lmtp->i_Nb++;
+}
+
 // One recipient, as the recipient loop takes it.
 void ExpliqueDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst_Analyse,
                           const char *pc_Suffixe, int i_Rang, CollecteExplication *pst_Lmtp) {
@@ -333,21 +347,8 @@ void ExpliqueDestinataire(OptionsRemise *pst_Options, const AnalyseEmetteur *pst
             ExpliqueReponse(pst_Analyse, ttpc_Valeurs);
             switch (e_Type) {
             case TypeRemise::Lmtp:
-                if (const char *pc_Uid = UidLmtp(ttpc_Valeurs); pc_Uid == nullptr) {
-                } else if (std::any_of(pst_Lmtp->v_Uids.begin(), pst_Lmtp->v_Uids.end(),
-                                       [&](const std::string &s) {
-                                           return strcasecmp(s.c_str(), pc_Uid) == 0;
-                                       })) {
-                    printf("  -> LMTP : boite <%s%s>, deja dans la transaction\n", pc_Uid,
-                           pc_Suffixe);
-                } else {
-                    pst_Lmtp->v_Uids.emplace_back(pc_Uid);
-                    printf("  -> LMTP : boite <%s%s>, dans la transaction apres la boucle\n",
-                           pc_Uid, pc_Suffixe);
-                    pst_Lmtp->s_Boites += std::string("  rcpt to:<") + pc_Uid + pc_Suffixe +
-                                          ">  pour <" + gpc_RcptTo + ">\n";
-                    pst_Lmtp->i_Nb++;
-                }
+                if (const char *pc_Uid = UidLmtp(ttpc_Valeurs); pc_Uid != nullptr)
+                    ExpliqueBoite(pc_Uid, pc_Suffixe, pst_Lmtp);
                 break;
             case TypeRemise::Liste:
             case TypeRemise::ListeMu:
