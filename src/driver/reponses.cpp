@@ -120,13 +120,18 @@ std::string FromReponse(const char *pc_Cn, const char *pc_Emission) {
 // The frequency file of a recipient and the envelope sender (or what
 // follows its first ".-."), its date and whether a reply of the given
 // frequency (minutes) may go now: an absent file always lets it go.  A
-// name too long to be kept is a warning (4360) and -1: no reply.
+// name too long to be kept is a warning (4360) and -1: no reply.  An entry
+// without a uid (a list may carry reply rules) is named by "@" and its
+// address, which no uid begins with: one shared name would let one such
+// entry's reply hold back every other's to the same sender.
 int LitFrequence(const char *pc_Uid, int i_Freq, EtatFrequence *pst) {
     const char *pc_Cle = strstr(gpc_MailFrom, ".-.");
     pc_Cle = pc_Cle != nullptr ? pc_Cle + 3 : gpc_MailFrom;
+    const std::string s_Nom = pc_Uid != nullptr && pc_Uid[0] != '\0' ? std::string(pc_Uid)
+                                                                      : std::string("@") + gpc_RcptTo;
     pst->t_Derniere = -1;
     pst->b_Permise = false;
-    if (CheminFrequence(pc_Uid, pc_Cle, pst->Pc_Chemin, sizeof pst->Pc_Chemin) != 0) {
+    if (CheminFrequence(s_Nom.c_str(), pc_Cle, pst->Pc_Chemin, sizeof pst->Pc_Chemin) != 0) {
         TraitementErreur(NIVEAU_AVERTISSEMENT,
                          "v1.1.0/4360: Nom de fichier de frequence trop long, pas de reponse "
                          "automatique. %s",

@@ -101,7 +101,8 @@ const std::string ENTREES =
     EntreeListe("liste", "LISTE", "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
                                   "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
     EntreeListe("soi", "LISTE", "ravokVixMembres: Soi@Vorane.Example\nravokVixMembres: m3@c.example\n") +
-    EntreeListe("vide", "LISTE-BR") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
+    EntreeListe("vide", "LISTE-BR") + EntreeListe("muet1", "NULL", REPONSE + "TEXTE:Muet\n") +
+    EntreeListe("muet2", "NULL", REPONSE + "TEXTE:Muet\n") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
     EntreeListe("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
                                   "ravokVixMembres: M1@A.example\n") +
     EntreeListe("sympa", "SYMPA") + EntreeListe("rebonds", "SYMPA-BOUNCE") + EntreesBoites() +
@@ -524,6 +525,11 @@ TEST_F(Avis, FichierDeFrequence) {
     EXPECT_EQ(cap.Appels().size(), 1u) << r.s_Erreur;
     EXPECT_EQ(FichiersCommencantPar(SPOOL + "Absences", "AvisAbs..a%2F"),
               Liste{SPOOL + "Absences/AvisAbs..a%2F%2E%2E%2F%2E%2E..%2E%2E%2F%2E%2E%2Fx%2Fy@%2E.txt"});
+    // Entries without a uid keep a file each.
+    for (const char *pc : {"@muet1@vorane.example", "@muet2@vorane.example"}) VideAbsences(pc);
+    Capture cap2;
+    Lance({}, "ext@partenaire.test", {"muet1@vorane.example", "muet2@vorane.example"}, Message());
+    EXPECT_EQ(cap2.Appels().size(), 2u);
 }
 
 // The store refuses some of four mailboxes, at the recipient command or in
