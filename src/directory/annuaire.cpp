@@ -3,14 +3,24 @@
 // ldapConnect / _ldapConnect open the process's one session: the host list
 // of -l becomes a list of ldap:// URIs tried in order by the library, then
 // protocol version 3, time-outs, an explicit connect and an anonymous
-// simple bind; referrals are followed (the library's default), within the
-// same time-outs.  RecupUneEntreeLdap runs one subtree search below the
-// empty base and copies the values of an attribute list into a value table;
-// the accessors read that table by attribute name.
+// simple bind.  ChercheLdap runs one subtree search and follows the
+// referrals it meets; RecupUneEntreeLdap uses it below the empty base and
+// copies the values of an attribute list into a value table; the accessors
+// read that table by attribute name.
+//
+// Referrals are followed here, not by the library: a part of the directory
+// that the library could not reach was left out of the result without a
+// word (an existing recipient read as unknown, refused with a notice), and
+// a referral to a server that answers with something other than LDAP made
+// the library abort the process.  Each referral gets a session of its own
+// with the run's session's options and an anonymous bind; its URLs are
+// alternatives, tried in order; a part that none of them answers fails the
+// whole search, so the message is retried rather than misjudged.
 //
 // Buffers: URI list TAILLE_TEXTE (1024); filters are the callers'
 // (TAILLE_FILTRE, 320), built by ConstruitFiltreLdap.
-// Messages: see directory.h (2542 2548 2556 2570 2576 2604 2610 2612 2618).
+// Messages: see directory.h (2542 2548 2556 2570 2576 2604 2606 2610 2612
+// 2618).
 #include "directory/directory.h"
 
 #include <cerrno>
@@ -19,6 +29,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sasl/sasl.h>
+#include <string>
 #include <strings.h>
 #include <sys/time.h>
 #include <syslog.h>
@@ -51,6 +62,14 @@ constexpr const char *PORT_LDAP_DEFAUT = "389";
 constexpr const char *SCHEMA_URI_LDAP = "ldap://";
 constexpr std::size_t LONGUEUR_MAX_PORT = 5;
 constexpr long PORT_MAX = 65535;
+constexpr int PORT_LDAPS = 636;
+constexpr int PORT_LDAP = 389;
+
+// Referrals followed one after the other from one search, at most (the
+// library's own limit): a loop of referrals ends there.
+constexpr int PROFONDEUR_MAX_RENVOIS = 5;
+// Bytes of a referral URL quoted in the log.
+constexpr int TAILLE_CITATION_URL = 200;
 
 // The empty text returned by RecupValeurTableau for "no such value".
 const char PC_VIDE[] = "";
@@ -137,11 +156,24 @@ bool PoseOption(LDAP *ld, int i_Option, const void *pv_Valeur, int i_ValeurAffic
     return OptionPosee(ldap_set_option(ld, i_Option, pv_Valeur), i_ValeurAffichee);
 }
 
-// Binds a connection that the library opened to follow a referral:
-// anonymously, like the session itself, and within the session's operation
-// time-out (the library's own anonymous rebind waits for the server's answer
-// without any limit).
-int LieRenvoi(LDAP *ld, LDAP_CONST char *, ber_tag_t, ber_int_t, void *) {
+// The options of every session: protocol version 3 (the library starts at
+// 2, which the server refuses), then the limits that keep a silent or
+// unreachable host from holding the run: the connect, and every synchronous
+// operation, end after gi_DelaiReseauLdap seconds; and referrals left to
+// ChercheLdap.  A refused option is reported with the value asked for (3,
+// the time-out, 0 for referrals).
+bool PoseOptionsSession(LDAP *ld) {
+    int i_Version = VERSION_PROTOCOLE_LDAP;
+    timeval st_Delai{};
+    st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
+    return PoseOption(ld, LDAP_OPT_PROTOCOL_VERSION, &i_Version, i_Version) &&
+           PoseOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) &&
+           PoseOption(ld, LDAP_OPT_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) &&
+           PoseOption(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF, 0);
+}
+
+// Anonymous simple bind: no DN, empty password.
+int LieAnonyme(LDAP *ld) {
     berval st_Secret{0, nullptr};
     return ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
 }
@@ -267,22 +299,8 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
         return nullptr;
     }
 
-    // 2. Protocol version 3 (the library starts at 2, which the server
-    //    refuses), then the limits that keep a silent or unreachable host
-    //    from holding the run: the connect, and every synchronous operation,
-    //    end after gi_DelaiReseauLdap seconds; the connections the library
-    //    opens to follow a referral get the same limits.  Referrals are left
-    //    to the library's default, followed with an anonymous bind, so that a
-    //    directory split over several servers answers as one.  A refused
-    //    option is reported with the value asked for (3, the time-out, 0 for
-    //    the binding procedure of referrals).
-    int i_Version = VERSION_PROTOCOLE_LDAP;
-    timeval st_Delai{};
-    st_Delai.tv_sec = gi_DelaiReseauLdap > 0 ? gi_DelaiReseauLdap : 1;
-    if (!PoseOption(ld, LDAP_OPT_PROTOCOL_VERSION, &i_Version, i_Version) ||
-        !PoseOption(ld, LDAP_OPT_NETWORK_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
-        !PoseOption(ld, LDAP_OPT_TIMEOUT, &st_Delai, gi_DelaiReseauLdap) ||
-        !OptionPosee(ldap_set_rebind_proc(ld, LieRenvoi, nullptr), 0)) {
+    // 2. The options: version, time-outs, referrals.
+    if (!PoseOptionsSession(ld)) {
         LibereSession(ld);
         return nullptr;
     }
@@ -299,10 +317,8 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
         return nullptr;
     }
 
-    // 4. Anonymous simple bind: no DN, empty password.
-    berval st_Secret{0, nullptr};
-    int i_Code =
-        ldap_sasl_bind_s(ld, nullptr, LDAP_SASL_SIMPLE, &st_Secret, nullptr, nullptr, nullptr);
+    // 4. Anonymous simple bind.
+    int i_Code = LieAnonyme(ld);
     if (i_Code != LDAP_SUCCESS) {
         TraitementErreur(NIVEAU_AVERTISSEMENT,
                          "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s", i_Code,
@@ -355,22 +371,156 @@ void ldapClose(LDAP **ppld) {
     *ppld = nullptr;
 }
 
+RechercheLdap::~RechercheLdap() {
+    for (auto &[ld, pst_Resultat] : v_Resultats) ldap_msgfree(pst_Resultat);
+    for (LDAP *ld : v_Sessions) LibereSession(ld);
+}
+
+namespace {
+
+int Cherche(LDAP *ld, const char *pc_Base, const char *pc_Filtre, char **tpc_Attr,
+            RechercheLdap *pst, int i_Profondeur);
+
+// A session on the server of a referral URL: ldap or ldaps, a host name or
+// address (never a list or a path: the URL is the directory's text), the
+// options of every session and the alias dereferencing of the session the
+// referral came from, bound anonymously.  LDAP_SUCCESS, or the failure's
+// code (LDAP_REFERRAL for a URL that names no usable server).
+int SessionRenvoi(LDAP *ld_Origine, const LDAPURLDesc *pst_Url, RechercheLdap *pst,
+                  LDAP **pld) {
+    *pld = nullptr;
+    const char *pc_Hote = pst_Url->lud_host != nullptr ? pst_Url->lud_host : "";
+    bool b_Ldaps = pst_Url->lud_scheme != nullptr && strcasecmp(pst_Url->lud_scheme, "ldaps") == 0;
+    if (!b_Ldaps && (pst_Url->lud_scheme == nullptr || strcasecmp(pst_Url->lud_scheme, "ldap") != 0))
+        return LDAP_REFERRAL;
+    bool b_Ipv6 = strchr(pc_Hote, ':') != nullptr;
+    if (pc_Hote[0] == '\0') return LDAP_REFERRAL;
+    for (const char *pc = pc_Hote; *pc != '\0'; pc++)
+        if (b_Ipv6 ? !EstCaractereIpv6(*pc) : !EstCaractereHote(*pc)) return LDAP_REFERRAL;
+    int i_Port = pst_Url->lud_port > 0 && pst_Url->lud_port <= PORT_MAX ? pst_Url->lud_port
+                 : b_Ldaps                                               ? PORT_LDAPS
+                                                                         : PORT_LDAP;
+    char pc_Uri[TAILLE_TEXTE];
+    int i_Long = snprintf(pc_Uri, sizeof pc_Uri, "%s://%s%s%s:%d", b_Ldaps ? "ldaps" : "ldap",
+                          b_Ipv6 ? "[" : "", pc_Hote, b_Ipv6 ? "]" : "", i_Port);
+    if (i_Long < 0 || static_cast<std::size_t>(i_Long) >= sizeof pc_Uri) return LDAP_REFERRAL;
+    if (ldap_initialize(pld, pc_Uri) != LDAP_SUCCESS || *pld == nullptr) {
+        *pld = nullptr;
+        return LDAP_REFERRAL;
+    }
+    pst->v_Sessions.push_back(*pld);
+    int i_Deref = LDAP_DEREF_NEVER;
+    ldap_get_option(ld_Origine, LDAP_OPT_DEREF, &i_Deref);
+    if (!PoseOptionsSession(*pld) || !PoseOption(*pld, LDAP_OPT_DEREF, &i_Deref, i_Deref))
+        return LDAP_LOCAL_ERROR;
+    return LieAnonyme(*pld);
+}
+
+// Follows one referral: its URLs name the same part of the directory on
+// other servers and are tried in order until one answers the search (below
+// the URL's DN, or below the same base when it names none).  What a URL
+// that failed had added to the results is dropped before the next is tried,
+// so that no entry counts twice.
+int SuitRenvoi(LDAP *ld, char **tpc_Urls, const char *pc_Base, const char *pc_Filtre,
+               char **tpc_Attr, RechercheLdap *pst, int i_Profondeur) {
+    int i_Code = i_Profondeur < PROFONDEUR_MAX_RENVOIS ? LDAP_REFERRAL : LDAP_REFERRAL_LIMIT_EXCEEDED;
+    for (int i = 0; i_Profondeur < PROFONDEUR_MAX_RENVOIS && tpc_Urls != nullptr &&
+                    tpc_Urls[i] != nullptr;
+         i++) {
+        const std::size_t t_Avant = pst->v_Resultats.size();
+        LDAPURLDesc *pst_Url = nullptr;
+        LDAP *ld_Renvoi = nullptr;
+        i_Code = LDAP_REFERRAL;
+        if (ldap_url_parse(tpc_Urls[i], &pst_Url) == LDAP_URL_SUCCESS) {
+            i_Code = SessionRenvoi(ld, pst_Url, pst, &ld_Renvoi);
+            const char *pc_Dn = pst_Url->lud_dn != nullptr && pst_Url->lud_dn[0] != '\0'
+                                    ? pst_Url->lud_dn
+                                    : pc_Base;
+            if (i_Code == LDAP_SUCCESS)
+                i_Code = Cherche(ld_Renvoi, pc_Dn, pc_Filtre, tpc_Attr, pst, i_Profondeur + 1);
+            ldap_free_urldesc(pst_Url);
+        }
+        if (i_Code == LDAP_SUCCESS) return LDAP_SUCCESS;
+        while (pst->v_Resultats.size() > t_Avant) {
+            ldap_msgfree(pst->v_Resultats.back().second);
+            pst->v_Resultats.pop_back();
+        }
+        syslog(LOG_WARNING, "v1.1.0/2606: Renvoi de l'annuaire non suivi <%.*s>, ld_errno=%d (%s). %s",
+               TAILLE_CITATION_URL, tpc_Urls[i], i_Code, ldap_err2string(i_Code),
+               gPc_InfoMessEnCours);
+    }
+    return i_Code;
+}
+
+// One subtree search on one session, then the referrals it returned: a
+// referral in place of the result sends the whole search elsewhere; a
+// reference among the entries adds the part of the tree it names.
+int Cherche(LDAP *ld, const char *pc_Base, const char *pc_Filtre, char **tpc_Attr,
+            RechercheLdap *pst, int i_Profondeur) {
+    LDAPMessage *pst_Resultat = nullptr;
+    int i_Code = ldap_search_ext_s(ld, pc_Base, LDAP_SCOPE_SUBTREE, pc_Filtre, tpc_Attr, 0, nullptr,
+                                   nullptr, nullptr, LDAP_NO_LIMIT, &pst_Resultat);
+    if (i_Code == LDAP_REFERRAL) {
+        char **tpc_Urls = nullptr;
+        int i_Resultat = LDAP_SUCCESS;
+        if (pst_Resultat == nullptr ||
+            ldap_parse_result(ld, pst_Resultat, &i_Resultat, nullptr, nullptr, &tpc_Urls, nullptr,
+                              0) != LDAP_SUCCESS)
+            tpc_Urls = nullptr;
+        ldap_msgfree(pst_Resultat);
+        i_Code = SuitRenvoi(ld, tpc_Urls, pc_Base, pc_Filtre, tpc_Attr, pst, i_Profondeur);
+        ldap_memvfree(reinterpret_cast<void **>(tpc_Urls));
+        return i_Code;
+    }
+    if (i_Code != LDAP_SUCCESS) {
+        ldap_msgfree(pst_Resultat);
+        return i_Code;
+    }
+    pst->v_Resultats.emplace_back(ld, pst_Resultat);
+    for (LDAPMessage *pst_Renvoi = ldap_first_reference(ld, pst_Resultat); pst_Renvoi != nullptr;
+         pst_Renvoi = ldap_next_reference(ld, pst_Renvoi)) {
+        char **tpc_Urls = nullptr;
+        if (ldap_parse_reference(ld, pst_Renvoi, &tpc_Urls, nullptr, 0) != LDAP_SUCCESS)
+            tpc_Urls = nullptr;
+        i_Code = SuitRenvoi(ld, tpc_Urls, pc_Base, pc_Filtre, tpc_Attr, pst, i_Profondeur);
+        ldap_memvfree(reinterpret_cast<void **>(tpc_Urls));
+        if (i_Code != LDAP_SUCCESS) return i_Code;
+    }
+    return LDAP_SUCCESS;
+}
+
+}  // namespace
+
+// Searches the tree below the base for the filter, referrals followed; see
+// the unit's heading.  The search waits at most gi_DelaiReseauLdap seconds
+// on each server (the sessions' operation time-out).
+int ChercheLdap(LDAP *ld, const char *pc_Base, const char *pc_Filtre, char **tpc_Attr,
+                RechercheLdap *pst) {
+    if (ld == nullptr || pc_Filtre == nullptr) return LDAP_PARAM_ERROR;
+    return Cherche(ld, pc_Base, pc_Filtre, tpc_Attr, pst, 0);
+}
+
+// Entries received by a search, over every server it reached.
+int NbEntreesLdap(const RechercheLdap *pst) {
+    int i_Nb = 0;
+    for (const auto &[ld, pst_Resultat] : pst->v_Resultats) {
+        int i = ldap_count_entries(ld, pst_Resultat);
+        if (i > 0) i_Nb += i;
+    }
+    return i_Nb;
+}
+
 // Searches the whole tree for the filter and fills the value table when
 // exactly one entry is found.  The search waits at most gi_DelaiReseauLdap
 // seconds (the session's operation time-out); a time-out is a search error.
 int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_Attr,
                        char ***ttpc_Valeurs) {
     // 1. Search; the attribute list is only read by the library.  A closed
-    //    session or a missing filter is refused here, as the library would
-    //    refuse it, rather than handed to the library's assertions.
-    LDAPMessage *pst_Resultat = nullptr;
-    int i_Code = LDAP_PARAM_ERROR;
-    if (ld != nullptr && pc_Filtre != nullptr)
-        i_Code =
-            ldap_search_ext_s(ld, "", LDAP_SCOPE_SUBTREE, pc_Filtre, const_cast<char **>(tpc_Attr),
-                              0, nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &pst_Resultat);
+    //    session or a missing filter is refused, as the library would refuse
+    //    it, rather than handed to the library's assertions.
+    RechercheLdap st_Recherche;
+    int i_Code = ChercheLdap(ld, "", pc_Filtre, const_cast<char **>(tpc_Attr), &st_Recherche);
     if (i_Code != LDAP_SUCCESS) {
-        ldap_msgfree(pst_Resultat);
         TraitementErreur(NIVEAU_CRITIQUE,
                          "v1.1.0/2604: Erreur ldap_search_s, filtre=<%s> ld_errno=%d (%s). %s. "
                          "Possibilite de depots repetes",
@@ -380,14 +530,12 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
     }
 
     // 2. Count.
-    int i_Nb = ldap_count_entries(ld, pst_Resultat);
+    int i_Nb = NbEntreesLdap(&st_Recherche);
     if (i_Nb == 0) {
         for (int i = 0; tpc_Attr[i] != nullptr; i++) ttpc_Valeurs[i] = nullptr;
-        ldap_msgfree(pst_Resultat);
         return 0;
     }
     if (i_Nb != 1) {
-        ldap_msgfree(pst_Resultat);
         TraitementErreur(
             NIVEAU_ERREUR,
             "v1.1.0/2618: Incoherence annuaire, %d entree(s) trouvee(s), filtre=<%s>. %s", i_Nb,
@@ -395,12 +543,18 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
         return i_Nb;
     }
 
-    // 3. One entry: copy the values of every name of the list.  The values
-    //    are copies, so the result is released as soon as they are made.
-    LDAPMessage *pst_Entree = ldap_first_entry(ld, pst_Resultat);
+    // 3. One entry, from the server that sent it: copy the values of every
+    //    name of the list.  The values are copies, so the results are
+    //    released as soon as they are made.
+    LDAPMessage *pst_Entree = nullptr;
+    for (const auto &[ld_Source, pst_Resultat] : st_Recherche.v_Resultats) {
+        if (ldap_count_entries(ld_Source, pst_Resultat) <= 0) continue;
+        ld = ld_Source;
+        pst_Entree = ldap_first_entry(ld, pst_Resultat);
+        break;
+    }
     if (pst_Entree == nullptr) {
         int i_Errno = errno;
-        ldap_msgfree(pst_Resultat);
         TraitementErreur(NIVEAU_CRITIQUE,
                          "v1.1.0/2610: Erreur ldap_first_entry, retour NULL, errno=%d (%s). %s. "
                          "Possibilite de depots repetes",
@@ -414,7 +568,6 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
         ldap_value_free_len(tpst);
         if (b_Echec) {
             int i_Errno = errno;
-            ldap_msgfree(pst_Resultat);
             TraitementErreur(NIVEAU_CRITIQUE,
                              "v1.1.0/2612: Erreur malloc des valeurs de <%s>, errno=%d (%s). %s. "
                              "Possibilite de depots repetes",
@@ -422,7 +575,6 @@ int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_A
             return -1;
         }
     }
-    ldap_msgfree(pst_Resultat);
     return 1;
 }
 

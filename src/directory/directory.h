@@ -58,11 +58,13 @@
 //   level 4  3388 member address too long for a filter (kept as it is)
 //
 // Limits: network and operation time-out gi_DelaiReseauLdap (10 s) per
-// attempt and per search (connections opened to follow a referral
-// included); referrals are followed, as the library does by default.
+// attempt and per search, on each server a referral leads to; at most 5
+// referrals one after the other (2606 for each URL not followed).
 #pragma once
 
 #include <cstddef>
+#include <utility>
+#include <vector>
 
 #include <ldap.h>
 
@@ -86,6 +88,24 @@ LDAP *ldapConnect(const char *pc_Hotes);
 LDAP *_ldapConnect(const char *pc_Hotes);
 // Unbinds the session if open and sets the handle to null.
 void ldapClose(LDAP **ppld);
+
+// One search over the whole directory, referrals included: every result
+// received, with the session it came from (the run's, or one opened to
+// follow a referral); released with the record.
+struct RechercheLdap {
+    std::vector<std::pair<LDAP *, LDAPMessage *>> v_Resultats;
+    std::vector<LDAP *> v_Sessions;
+    RechercheLdap() = default;
+    RechercheLdap(const RechercheLdap &) = delete;
+    RechercheLdap &operator=(const RechercheLdap &) = delete;
+    ~RechercheLdap();
+};
+// Subtree search below the base, referrals followed; LDAP_SUCCESS when every
+// part of the tree answered, otherwise the failing code.
+int ChercheLdap(LDAP *ld, const char *pc_Base, const char *pc_Filtre, char **tpc_Attr,
+                RechercheLdap *pst);
+// Entries received by a search.
+int NbEntreesLdap(const RechercheLdap *pst);
 
 // Looks up the one entry matching the filter; see the unit's heading.
 int RecupUneEntreeLdap(LDAP *ld, const char *pc_Filtre, const char *const *tpc_Attr,

@@ -315,21 +315,19 @@ int TestRestrLDAP(const char *pc_Parametre, const char *pc_Adresse) {
     // 4. The search, aliases dereferenced, no attributes returned.
     char pc_AucunAttribut[] = "1.1";
     char *tpc_Attributs[] = {pc_AucunAttribut, nullptr};
-    LDAPMessage *pst_Resultat = nullptr;
+    RechercheLdap st_Recherche;
     int i_Code = LDAP_PARAM_ERROR;
     if (gld != nullptr) {
         int i_Deref = LDAP_DEREF_NEVER;
         ldap_get_option(gld, LDAP_OPT_DEREF, &i_Deref);
         int i_Toujours = LDAP_DEREF_ALWAYS;
         ldap_set_option(gld, LDAP_OPT_DEREF, &i_Toujours);
-        i_Code = ldap_search_ext_s(gld, pc_Base, LDAP_SCOPE_SUBTREE, pc_Filtre, tpc_Attributs, 0,
-                                   nullptr, nullptr, nullptr, LDAP_NO_LIMIT, &pst_Resultat);
+        i_Code = ChercheLdap(gld, pc_Base, pc_Filtre, tpc_Attributs, &st_Recherche);
         ldap_set_option(gld, LDAP_OPT_DEREF, &i_Deref);
     }
 
     // 5. A failed search is a false test.
     if (i_Code != LDAP_SUCCESS) {
-        ldap_msgfree(pst_Resultat);
         syslog(LOG_WARNING,
                "v1.1.0/2968: erreur requete LDAP restriction de remise ldap_search_s, filtre=<%s>, "
                "base=<%s>, ld_errno=%d (%s), restr=<%s>, param=<%s>. %s",
@@ -337,9 +335,7 @@ int TestRestrLDAP(const char *pc_Parametre, const char *pc_Adresse) {
                gPc_InfoMessEnCours);
         return 0;
     }
-    int i_Nb = ldap_count_entries(gld, pst_Resultat);
-    ldap_msgfree(pst_Resultat);
-    return i_Nb > 0 ? i_Nb : 0;
+    return NbEntreesLdap(&st_Recherche);
 }
 
 // 1 when a restriction line refuses the delivery; see rules.h.
