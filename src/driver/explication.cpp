@@ -444,7 +444,9 @@ void ExpliqueTransaction(const OptionsRemise *pst_Options, const CollecteExplica
         printf("socket Unix %s :\n", st_Serveur.Pc_Chemin);
     else
         printf("hote %s port %s :\n", st_Serveur.Pc_Hote, st_Serveur.Pc_Port);
-    printf("  mail from:<%s>\n%s", gpc_MailFrom, st.s_Boites.c_str());
+    printf("  mail from:<%s>%s\n%s", EmetteurLisibleLmtp(gpc_MailFrom) ? gpc_MailFrom : "",
+           EmetteurLisibleLmtp(gpc_MailFrom) ? "" : " (adresse d'emission illisible pour le serveur)",
+           st.s_Boites.c_str());
 }
 
 // The rewritten header: as the store would receive it (a leading

@@ -403,6 +403,14 @@ bool TexteDeCommande(const char *pc) {
     return true;
 }
 
+// True when the mailbox name can stand between the brackets of a recipient
+// command: a command's text, and no blank or angle bracket, which would end
+// the address and add parameters of the server's (IGNOREQUOTA, NOTIFY=) to
+// the command.
+bool NomDeBoite(const char *pc) {
+    return TexteDeCommande(pc) && strpbrk(pc, " <>") == nullptr;
+}
+
 // Formats a command into the dialogue buffer; false when the values cannot
 // make one line of it (control bytes, or too long to fit).
 bool FormatCommande(char *pc_Tampon, const char *pc_Modele, const char *pc_A, const char *pc_B) {
@@ -410,6 +418,23 @@ bool FormatCommande(char *pc_Tampon, const char *pc_Modele, const char *pc_A, co
     int i_Long = snprintf(pc_Tampon, TAILLE_DIALOGUE, pc_Modele, pc_A, pc_B);
     return i_Long > 0 && static_cast<std::size_t>(i_Long) < TAILLE_DIALOGUE;
 }
+
+}  // namespace
+
+// True when the store can read the sender in its command: the store offers
+// no SMTPUTF8 and answers 501 to an address holding 8-bit bytes, and to an
+// IPv6 address literal (a colon between brackets); Postfix accepts both.
+bool EmetteurLisibleLmtp(const char *pc) {
+    bool b_Litteral = false;
+    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc); *pu != '\0'; pu++) {
+        if (*pu >= 0x80 || (*pu == ':' && b_Litteral)) return false;
+        if (*pu == '[') b_Litteral = true;
+        if (*pu == ']') b_Litteral = false;
+    }
+    return true;
+}
+
+namespace {
 
 // Replaces the report by the sender-refusal text.
 void RapportEmetteur(char **ppc_Rapport, const char *pc_Emetteur) {
@@ -757,8 +782,19 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
     }
 
     // 4. Sender.  One that cannot make a command line is refused here, as
-    // the server would refuse it for good.
-    if (!FormatCommande(Pc_Dialogue, "mail from:<%s>%s\n", pc_Emetteur, "")) {
+    // the server would refuse it for good.  One the store cannot read
+    // (EmetteurLisibleLmtp) goes as the null sender, with a warning: the
+    // mailboxes get the message, its sender still named in its header,
+    // rather than the sender a notice that its address is not valid.
+    const char *pc_Envoye = pc_Emetteur;
+    if (TexteDeCommande(pc_Emetteur) && !EmetteurLisibleLmtp(pc_Emetteur)) {
+        syslog(LOG_WARNING,
+               "v1.1.0/1426: Adresse d'emission illisible pour le serveur LMTP <%.*s>, envoyee "
+               "vide. %s",
+               TAILLE_CITATION_JOURNAL, pc_Emetteur, gPc_InfoMessEnCours);
+        pc_Envoye = "";
+    }
+    if (!FormatCommande(Pc_Dialogue, "mail from:<%s>%s\n", pc_Envoye, "")) {
         syslog(LOG_ERR, "v1.1.0/1428: Adresse d'emission inutilisable en LMTP <%.*s>. %s",
                TAILLE_CITATION_JOURNAL, pc_Emetteur, gPc_InfoMessEnCours);
         RapportEmetteur(ppc_Rapport, pc_Emetteur);
@@ -794,7 +830,8 @@ int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tp
         InfoDestinataire(pc_Adresse, i + 1);
         syslog(LOG_INFO, "v1.1.0/1451: Remise LMTP vers <%s%s>/<%s>. %s", pc_Boite, pc_Suffixe,
                pc_Adresse, gPc_InfoMessEnCours);
-        if (!FormatCommande(Pc_Dialogue, "rcpt to:<%s%s>\n", pc_Boite, pc_Suffixe)) {
+        if (!NomDeBoite(pc_Boite) ||
+            !FormatCommande(Pc_Dialogue, "rcpt to:<%s%s>\n", pc_Boite, pc_Suffixe)) {
             syslog(LOG_WARNING, "v1.1.0/1462: Boite inutilisable en LMTP <%.*s>/<%s>. %s",
                    TAILLE_CITATION_JOURNAL, pc_Boite, pc_Adresse, gPc_InfoMessEnCours);
             RapportDestinataire(ppc_Rapport, pc_Adresse, PC_BOITE_INUTILISABLE, false);

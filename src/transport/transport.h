@@ -58,8 +58,10 @@
 //   Messages, system log only (returned to the caller): 1264 1266 1286 1288
 //     1339 1354 1364 1376 1388 1404 1406 1437 1451 1463 1566 (LOG_WARNING/INFO),
 //     1429 (LOG_ERR), 1341 1342 (designation refused, LOG_WARNING),
-//     1428 (sender unusable on the wire, LOG_ERR), 1462 (mailbox unusable on
-//     the wire, LOG_WARNING).
+//     1428 (sender unusable on the wire, LOG_ERR), 1426 (sender the store
+//     cannot read, sent as the null sender, LOG_WARNING), 1462 (mailbox
+//     unusable on the wire: a control byte, a blank or an angle bracket,
+//     LOG_WARNING).
 //   Reports: level 2 1431 1470 1477 1484 1531 1533 1537 1542 1557 1563 1570;
 //     level 4 1551 1577 1581.
 //
@@ -174,6 +176,10 @@ std::size_t AppliqueTransparence(Transparence *pst_Etat, const char *pc_Piece,
 int Write_LMTP(int i_Fd, const char *pc_Texte);
 // Reads one reply into the buffer; 0, or non-zero after closing.
 int Read_LMTP(int i_Fd, char *pc_Tampon, std::size_t t_Taille, int i_Limite);
+
+// True when the store can read the sender in "mail from:" (no 8-bit byte,
+// no IPv6 address literal); otherwise the null sender is sent.
+bool EmetteurLisibleLmtp(const char *pc_Emetteur);
 
 // One LMTP delivery attempt; see the heading for the results.
 int Remise_LMTP(const char *pc_Serveur, const char *pc_Emetteur, char *const *tpc_Boites,

@@ -959,6 +959,15 @@ TEST_F(Cyrus, UneTransactionPourTous) {
               "550-Mailbox unknown.  Either there is no mailbox associated with this\r\n"
               "550-name or you do not have authorization to see it.\r\n"
               "550 5.1.1 User unknown\r\n\n\n");
+
+    // An internationalised sender, which the store cannot read in its sender
+    // command, goes as the null sender: stored, and no notice.
+    r = Lance({"-r", sst_Cyrus.s_Socket}, "j\xc3\xb6hn@ext.test", {"m103@vorane.example"}, MessageExterne("x\n"));
+    EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+    Liste v = MessagesStockes(sst_Cyrus, "m103");
+    ASSERT_EQ(v.size(), 2u) << r.s_Erreur;
+    EXPECT_EQ(v.back().rfind("Return-Path: <>", 0), 0u);
+    EXPECT_EQ(cap.Appels().size(), 2u);
 }
 
 }  // namespace

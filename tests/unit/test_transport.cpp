@@ -206,8 +206,8 @@ TEST(Lmtp, TousRefuses) {
     ServeurLmtpEssai srv({ACCUEIL, OK, st_Quota, Rep("550 5.1.1 User unknown\r\n"), Rep("451 4.2.0 later\r\n")},
                          false);
     Essai e;
-    e.v_Boites = {"quota", "inconnu", "x>\nrcpt to:<victime", "tard"};
-    e.v_Adresses = {"plein@v.example", "inconnu@v.example", "pirate@v.example", "tard@v.example"};
+    e.v_Boites = {"quota", "inconnu", "x>\nrcpt to:<victime", "bob> IGNOREQUOTA", "tard"};
+    e.v_Adresses = {"plein@v.example", "inconnu@v.example", "pirate@v.example", "bob@v.example", "tard@v.example"};
     EXPECT_EQ(Tente(srv.Designation(), e).s_Sortie,
               "0|Les destinataires suivants n'ont pas recu votre message:\n\n"
               "Destinataire <plein@v.example>, r\xe9ponse du serveur :\n"
@@ -215,6 +215,8 @@ TEST(Lmtp, TousRefuses) {
               "Destinataire <inconnu@v.example>, r\xe9ponse du serveur :\n"
               "550 5.1.1 User unknown\r\n\n"
               "Destinataire <pirate@v.example>, r\xe9ponse du serveur :\n"
+              "Adresse de bo\xeete aux lettres non valable\n\n"
+              "Destinataire <bob@v.example>, r\xe9ponse du serveur :\n"
               "Adresse de bo\xeete aux lettres non valable\n\n"
               "Destinataire <tard@v.example>, r\xe9ponse du serveur :\n451 4.2.0 later\r\n\n");
     EXPECT_EQ(srv.Recu(), "mail from:<emetteur@ext.example>\nrcpt to:<quota>\nrcpt to:<inconnu>\nrcpt to:<tard>\n");
