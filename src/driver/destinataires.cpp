@@ -203,20 +203,40 @@ std::string AdresseTo() {
     return pc_Adresse;
 }
 
+namespace {
+
+// True when the member value names the list's own address (any case), as
+// sendmail reads a value: a list of addresses, each bare or with a phrase
+// or comment ("Liste <liste@...>", "liste@... (la liste)").
+bool NommeLaListe(const char *pc_Membre) {
+    for (const char *pc = pc_Membre; *pc != '\0';) {
+        char pc_Adresse[TAILLE_ADRESSE];
+        char pc_Phrase[TAILLE_PHRASE];
+        const char *pc_Suite = FetchAddress(pc, pc_Adresse, sizeof pc_Adresse, pc_Phrase,
+                                            sizeof pc_Phrase);
+        if (strcasecmp(pc_Adresse, gpc_RcptTo) == 0) return true;
+        if (pc_Suite <= pc) break;
+        pc = pc_Suite;
+    }
+    return false;
+}
+
+}  // namespace
+
 // The members a list's delivery starts from: its ravokVixMembres values,
-// and for a list sent as stored, without the list's own address (any
-// case): such a list that names itself would get the message back through
-// Postfix and send it again, up to the hop limit, some fifty copies to
-// every member.  A list that is expanded here has its own bound, which
-// refuses a list that contains itself.  Null-ended; empty when the entry
-// has no member.  *pi_Retires: how many own addresses went.
+// and for a list sent as stored, without a value that names the list's own
+// address: such a list would get the message back through Postfix and send
+// it again, up to the hop limit, some fifty copies to every member.  A list
+// that is expanded here has its own bound, which refuses a list that
+// contains itself.  Null-ended; empty when the entry has no member.
+// *pi_Retires: how many values went.
 std::vector<char *> MembresListe(TypeRemise e_Type, char **const *ttpc_Valeurs, int *pi_Retires) {
     *pi_Retires = 0;
     std::vector<char *> v;
     char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
     if (tpc_Membres == nullptr) return v;
     for (int i = 0; tpc_Membres[i] != nullptr; i++) {
-        if (e_Type == TypeRemise::Liste && strcasecmp(tpc_Membres[i], gpc_RcptTo) == 0)
+        if (e_Type == TypeRemise::Liste && NommeLaListe(tpc_Membres[i]))
             (*pi_Retires)++;
         else v.push_back(tpc_Membres[i]);
     }

@@ -100,7 +100,7 @@ const std::string ENTREES =
     // The list deliveries' recipients.
     EntreeListe("liste", "LISTE", "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
                                   "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
-    EntreeListe("soi", "LISTE", "ravokVixMembres: Soi@Vorane.Example\nravokVixMembres: m3@c.example\n") +
+    EntreeListe("soi", "LISTE", "ravokVixMembres: La liste <Soi@Vorane.Example>\nravokVixMembres: m3@c.example\n") +
     EntreeListe("vide", "LISTE-BR") + EntreeListe("muet1", "NULL", REPONSE + "TEXTE:Muet\n") +
     EntreeListe("muet2", "NULL", REPONSE + "TEXTE:Muet\n") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
     EntreeListe("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
