@@ -257,8 +257,11 @@ void Origine(AnalyseEmetteur *pst) {
 // pass, fall-backs and classes (steps 1 to 14).
 void AnalyseEntete(AnalyseEmetteur *pst) {
     LitEntetes();
+    // The Message-Id ends every log line: its control bytes become blanks,
+    // so that a message cannot forge a line of the log or drive a terminal.
     RecupValeur(RecupValeurEntete(gpet_EnteteMess, "Message-Id:"), " <", ">", gPc_MessageId,
                 sizeof gPc_MessageId);
+    EpureControles(gPc_MessageId, 0);
     MajInfoMessEnCours(gPc_MessageId, 0);
     fprintf(stderr, "remise-vorane[%d]: %s\n", static_cast<int>(getpid()), gPc_InfoMessEnCours);
 

@@ -421,6 +421,7 @@ std::vector<Champ> Champs(const std::string &s_Message, std::string *ps_Corps) {
 // store gets the fields it was sent, the program's own and nothing else;
 // every line the program wrote is one field without control bytes but its
 // folding; its From and Reply-to name exactly one address; the body stays.
+// Nor does the Message-ID, which ends every log line, bring any there.
 TEST_F(Remise, FromHostileSansInjection) {
     const std::string FIN = "To: alice@vorane.example\n\ncorps\n";
     const std::string TRACE = "X-Remise-Vorane: v1.1.0; le 01/02/2024 10:00:00;\n"
@@ -448,12 +449,13 @@ TEST_F(Remise, FromHostileSansInjection) {
     for (const auto &c : t) {
         SCOPED_TRACE(++i_Rang);
         std::string s_Message = "Received: from mx.partenaire.test (mx [10.0.1.77])\n\tby relais.vorane.example\n"
-                                "Message-ID: <hostile-" + std::to_string(i_Rang) + "@partenaire.test>\n" +
+                                "Message-ID: <hostile-" + std::to_string(i_Rang) + "\x1b[2J\r@partenaire.test>\n" +
                                 c.s_Suite;
         ServeurLmtpEssai st_Lmtp(Accepte(1), false);
         ResultatProcessus r = Lance({"-r", st_Lmtp.Designation()}, c.pc_Emetteur, {"alice@vorane.example"},
                                     s_Message);
         EXPECT_EQ(r.i_Statut, 0) << r.s_Erreur;
+        for (unsigned char o : r.s_Erreur) EXPECT_TRUE(o >= 0x20 ? o != 0x7f : o == '\n') << int(o);
         std::string s_Corps, s_CorpsLivre, s_Livre = DonneesRecues(st_Lmtp.Recu());
         std::vector<Champ> v_Recus = Champs(s_Message, &s_Corps), v_Livres = Champs(s_Livre, &s_CorpsLivre);
         EXPECT_EQ(s_CorpsLivre.substr(0, s_Corps.size()), s_Corps);
