@@ -138,12 +138,16 @@ echo "programme installe : /usr/lib/vorane/remise-vorane --version -> $ligne"
 page=$(man -w remise-vorane 2>/dev/null) || echec "man ne trouve pas remise-vorane(8)"
 echo "page de manuel : $page"
 
-# 3. Another pipe user, chosen through debconf.
+# 3. Another pipe user, chosen through debconf: the spool's files go to it.
+frequence="$SPOOL/Absences/AvisAbs..essai..paquet@x.test.txt"
+runuser -u vorane -- touch "$frequence"
 echo "remise-vorane remise-vorane/utilisateur string nobody" | debconf-set-selections
 journal dpkg-reconfigure -f noninteractive remise-vorane
 grep -q 'dpkg-reconfigure remise-vorane' /etc/tmpfiles.d/remise-vorane.conf 2>/dev/null ||
   echec "pas de copie de l'entree tmpfiles.d pour nobody dans /etc/tmpfiles.d/"
 verifie_spool nobody
+[ "$(stat -c %U "$frequence")" = nobody ] || echec "$frequence reste a $(stat -c %U "$frequence")"
+rm -f "$frequence"
 
 # 4. Purge.
 journal dpkg --purge remise-vorane
