@@ -76,7 +76,11 @@ def copie_arbre():
                 shutil.rmtree(cible)
             # Copies dated now: the build of an earlier run must not be
             # taken for up to date.
-            shutil.copytree(source, cible, copy_function=shutil.copy)
+            # What a package build leaves in debian/ is not source.
+            paquet = shutil.ignore_patterns(".debhelper", "debhelper-build-stamp", "tmp", "remise-vorane",
+                                            "files", "*.substvars")
+            shutil.copytree(source, cible, copy_function=shutil.copy,
+                            ignore=paquet if nom == "debian" else None)
         else:
             os.makedirs(COPIE, exist_ok=True)
             shutil.copy(source, cible)

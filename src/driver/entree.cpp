@@ -79,7 +79,10 @@ int TestDecode(const char *pc_Texte) {
 // enter hides the three directories, however open they are).  The commands
 // go through the shell as the maintenance procedure has always run them; the
 // spool root is a build value (checked at configure time to hold no quote),
-// never an outside one.
+// never an outside one.  The files inside are opened too, so that a new
+// delivery user can re-date the frequency files and markers (empty files)
+// of an earlier one; the dump files, which hold messages, are then closed
+// again to all but their owner.
 [[noreturn]] void Initialise() {
     const char *const tpc_Modeles[] = {
         "mkdir -p '%sAbsences/' '%sRemises/' '%sErreurs/'",
@@ -87,6 +90,7 @@ int TestDecode(const char *pc_Texte) {
         "chmod -R 777 '%sAbsences/'",
         "chmod -R 777 '%sErreurs/'",
         "chmod -R 777 '%sRemises/'",
+        "find '%sErreurs/' -mindepth 1 -type f -exec chmod 600 {} +",
     };
     umask(022);
     for (const char *pc_Modele : tpc_Modeles) {

@@ -5,7 +5,9 @@
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "processus.h"
 
@@ -75,13 +77,21 @@ TEST(RemiseLigneCommande, BudgetDeTempsEpuise) {
 }
 
 // --init opens the spool root to every delivery user when an earlier --init
-// (under the run's mask 027) left it 0750.
+// (under the run's mask 027) left it 0750, and leaves a dump file (a
+// message) to its owner alone.
 TEST(RemiseLigneCommande, InitOuvreLaRacineDuSpool) {
     ASSERT_EQ(chmod(RACINE_SPOOL_ESSAI, 0750), 0);
+    const std::string s_Vidage = std::string(RACINE_SPOOL_ESSAI) + "Erreurs/ERR.essai-init";
+    int i_Fd = open(s_Vidage.c_str(), O_CREAT | O_WRONLY, 0600);
+    ASSERT_GE(i_Fd, 0);
+    close(i_Fd);
     EXPECT_EQ(LanceProgramme({PROG, "--Init"}).i_Statut, 1);
     struct stat st;
     ASSERT_EQ(stat(RACINE_SPOOL_ESSAI, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
+    ASSERT_EQ(stat(s_Vidage.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    unlink(s_Vidage.c_str());
 }
 
 }  // namespace
