@@ -217,15 +217,16 @@ char **CopieValeurs(berval **tpst_Valeurs, bool *pb_Echec) {
 // client mechanism plug-in installed on the host (each one a dlopen with its
 // relocations and libraries): more than half the instructions of a whole
 // delivery.  Before that first session the library is told to look for its
-// plug-ins in the spool root, which holds only the spool directories, so it
-// finds none.  The setting stays inside this process (no environment
+// plug-ins in /dev/null, which is no directory and can never hold one (a
+// data directory could, and whatever library was put there would run in
+// every delivery).  The setting stays inside this process (no environment
 // variable reaches the commands the program starts) and overrides a
 // SASL_PATH inherited from the caller.
 void EcartePluginsSasl() {
     static bool sb_Fait = false;
     if (sb_Fait) return;
     sb_Fait = true;
-    sasl_set_path(SASL_PATH_TYPE_PLUGIN, const_cast<char *>(gpc_RacineSpool));  // copied
+    sasl_set_path(SASL_PATH_TYPE_PLUGIN, const_cast<char *>("/dev/null"));  // copied
 }
 
 // Whole seconds elapsed since the start, on the monotonic clock.
