@@ -1,9 +1,9 @@
 // annuaire.cpp - the directory session and single-entry lookups.
 //
 // ldapConnect / _ldapConnect open the process's one session: the host list
-// of -l becomes a list of ldap:// URIs tried in order by the library, then
-// protocol version 3, time-outs, an explicit connect and an anonymous
-// simple bind.  ChercheLdap runs one subtree search and follows the
+// of -l becomes a list of ldap:// URIs tried in order, each with protocol
+// version 3, time-outs, an explicit connect and an anonymous simple bind,
+// until one takes the bind.  ChercheLdap runs one subtree search and follows the
 // referrals it meets; RecupUneEntreeLdap uses it below the empty base and
 // copies the values of an attribute list into a value table; the accessors
 // read that table by attribute name.
@@ -277,57 +277,80 @@ int ConstruitUrisLdap(const char *pc_Hotes, char *pc_Uris, std::size_t t_Taille)
     return i_Nb;
 }
 
-// One connection attempt on the host list: initialise, set the options,
-// connect (the library tries the hosts in order), bind anonymously.
-LDAP *_ldapConnect(const char *pc_Hotes) {
-    // 1. Session on the URI list; a host list that cannot be turned into
-    //    URIs fails like a host that cannot be reached (EINVAL).
-    char pc_Uris[TAILLE_TEXTE];
+namespace {
+
+// One host of the list (its ldap:// URI): session, options, connect, bind.
+// The session, or null; a failure is reported (level 4) when b_Rapport,
+// naming the host list as given.
+LDAP *SessionHote(const char *pc_Hotes, const char *pc_Uri, bool b_Rapport) {
     LDAP *ld = nullptr;
     errno = 0;
-    EcartePluginsSasl();
-    if (ConstruitUrisLdap(pc_Hotes, pc_Uris, sizeof pc_Uris) < 0) {
-        errno = EINVAL;
-    } else if (ldap_initialize(&ld, pc_Uris) != LDAP_SUCCESS) {
-        ld = nullptr;
-        if (errno == 0) errno = EINVAL;
-    }
-    if (ld == nullptr) {
-        int i_Errno = errno;
-        TraitementErreur(
-            NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
-            pc_Hotes != nullptr ? pc_Hotes : "", i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+    if (ldap_initialize(&ld, pc_Uri) != LDAP_SUCCESS || ld == nullptr) {
+        int i_Errno = errno != 0 ? errno : EINVAL;
+        if (b_Rapport)
+            TraitementErreur(NIVEAU_AVERTISSEMENT,
+                             "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes,
+                             i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
         return nullptr;
     }
-
-    // 2. The options: version, time-outs, referrals.
     if (!PoseOptionsSession(ld)) {
         LibereSession(ld);
         return nullptr;
     }
 
-    // 3. Connect now, so that an unreachable host list is reported as such
-    //    (2542) and not as a refused bind.
+    // Connect now, so that an unreachable host is reported as such (2542)
+    // and not as a refused bind.
     errno = 0;
     if (ldap_connect(ld) != LDAP_SUCCESS) {
         int i_Errno = errno;
-        TraitementErreur(NIVEAU_AVERTISSEMENT,
-                         "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes, i_Errno,
-                         strerror(i_Errno), gPc_InfoMessEnCours);
+        if (b_Rapport)
+            TraitementErreur(NIVEAU_AVERTISSEMENT,
+                             "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes,
+                             i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
         LibereSession(ld);
         return nullptr;
     }
-
-    // 4. Anonymous simple bind.
     int i_Code = LieAnonyme(ld);
     if (i_Code != LDAP_SUCCESS) {
-        TraitementErreur(NIVEAU_AVERTISSEMENT,
-                         "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s", i_Code,
-                         ldap_err2string(i_Code), gPc_InfoMessEnCours);
+        if (b_Rapport)
+            TraitementErreur(NIVEAU_AVERTISSEMENT,
+                             "v1.1.0/2556: Erreur ldap_simple_bind_s, ld_errno=%d (%s). %s",
+                             i_Code, ldap_err2string(i_Code), gPc_InfoMessEnCours);
         LibereSession(ld);
         return nullptr;
     }
     return ld;
+}
+
+}  // namespace
+
+// One connection attempt on the host list: the hosts in order, each
+// initialised, given the options, connected and bound anonymously.
+LDAP *_ldapConnect(const char *pc_Hotes) {
+    // 1. The URI list; a host list that cannot be turned into URIs fails
+    //    like a host that cannot be reached (EINVAL).
+    char pc_Uris[TAILLE_TEXTE];
+    EcartePluginsSasl();
+    if (ConstruitUrisLdap(pc_Hotes, pc_Uris, sizeof pc_Uris) < 0) {
+        TraitementErreur(NIVEAU_AVERTISSEMENT,
+                         "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
+                         pc_Hotes != nullptr ? pc_Hotes : "", EINVAL, strerror(EINVAL),
+                         gPc_InfoMessEnCours);
+        return nullptr;
+    }
+
+    // 2. Each host in turn, until one takes the bind: a host that accepts
+    //    the connection and then never answers, or refuses the bind, gives
+    //    way to the next one after its time-out, as one that cannot be
+    //    reached does.  Only the last host's failure is reported.
+    for (char *pc_Uri = pc_Uris; pc_Uri != nullptr;) {
+        char *pc_Suite = strchr(pc_Uri, ',');
+        if (pc_Suite != nullptr) *pc_Suite++ = '\0';
+        LDAP *ld = SessionHote(pc_Hotes, pc_Uri, pc_Suite == nullptr);
+        if (ld != nullptr) return ld;
+        pc_Uri = pc_Suite;
+    }
+    return nullptr;
 }
 
 // Opens the session, retrying every gi_PasReessaiLdap seconds as long as no

@@ -124,7 +124,8 @@ TEST_F(Annuaire, RechercheParMail) {
     EXPECT_TRUE(fcntl(i_Fd, F_GETFD) & FD_CLOEXEC);
 }
 
-// One attempt: a dead first host passes to the next silently; otherwise
+// One attempt: a dead first host, or one that takes the connection and
+// never answers, passes to the next silently; otherwise
 // null and one warning naming the cause, within the 1 s time-out.  Then the
 // retry window: attempts every P s while no more than D s have passed (D/P
 // + 2 when each fails at once), then level 2 and 75.  A server frozen after
@@ -137,6 +138,7 @@ TEST_F(Annuaire, ConnexionEtReessais) {
                       s_107 = "2542: Erreur ldap_open <" + s_Mort + ">, errno=107 (Transport endpoint is not connected)";
     const std::pair<std::string, std::string> t_Cas[] = {
         {s_Mort + "," + sst.s_Hote, ""},
+        {st_Accepte.s_Hote + "," + sst.s_Hote, ""},
         {s_Mort, s_107},
         {"hote/chemin?x", "2542: Erreur ldap_open <hote/chemin?x>, errno=22 (Invalid argument)"},
         {st_Accepte.s_Hote, "2556: Erreur ldap_simple_bind_s, ld_errno=-5 (Timed out)"},
