@@ -205,40 +205,70 @@ std::string AdresseTo() {
 
 namespace {
 
-// True when the member value names the list's own address (any case), as
-// sendmail reads a value: a list of addresses, each bare or with a phrase
-// or comment ("Liste <liste@...>", "liste@... (la liste)").
-bool NommeLaListe(const char *pc_Membre) {
+// The addresses of a member value as sendmail reads it: a list of
+// addresses, each bare or with a phrase or comment ("Liste <liste@...>",
+// "a@b, liste@... (la liste)").  Only for a value shorter than an address
+// buffer, which none of the reader's buffers can overflow; empty for a
+// longer one.
+std::vector<std::string> AdressesMembre(const char *pc_Membre) {
+    std::vector<std::string> v;
+    if (strlen(pc_Membre) >= TAILLE_ADRESSE) return v;
     for (const char *pc = pc_Membre; *pc != '\0';) {
         char pc_Adresse[TAILLE_ADRESSE];
         char pc_Phrase[TAILLE_PHRASE];
         const char *pc_Suite = FetchAddress(pc, pc_Adresse, sizeof pc_Adresse, pc_Phrase,
                                             sizeof pc_Phrase);
-        if (strcasecmp(pc_Adresse, gpc_RcptTo) == 0) return true;
+        if (pc_Adresse[0] != '\0') v.emplace_back(pc_Adresse);
         if (pc_Suite <= pc) break;
         pc = pc_Suite;
     }
-    return false;
+    return v;
 }
 
 }  // namespace
 
 // The members a list's delivery starts from: its ravokVixMembres values,
-// and for a list sent as stored, without a value that names the list's own
-// address: such a list would get the message back through Postfix and send
-// it again, up to the hop limit, some fifty copies to every member.  A list
-// that is expanded here has its own bound, which refuses a list that
+// and for a list sent as stored, without the list's own address however a
+// value writes it: such a list would get the message back through Postfix
+// and send it again, up to the hop limit, some fifty copies to every
+// member.  A value that also names other addresses gives them as members
+// of their own (a copy, left to the end of the process like the values).
+// A list that is expanded here has its own bound, which refuses a list that
 // contains itself.  Null-ended; empty when the entry has no member.
-// *pi_Retires: how many values went.
+// *pi_Retires: how many times the list's address went.
 std::vector<char *> MembresListe(TypeRemise e_Type, char **const *ttpc_Valeurs, int *pi_Retires) {
     *pi_Retires = 0;
     std::vector<char *> v;
     char **tpc_Membres = tpc_ValeursLdap(gtpc_AttrLdapDest, ttpc_Valeurs, "ravokVixMembres");
     if (tpc_Membres == nullptr) return v;
     for (int i = 0; tpc_Membres[i] != nullptr; i++) {
-        if (e_Type == TypeRemise::Liste && NommeLaListe(tpc_Membres[i]))
+        if (e_Type != TypeRemise::Liste) {
+            v.push_back(tpc_Membres[i]);
+            continue;
+        }
+        if (strcasecmp(tpc_Membres[i], gpc_RcptTo) == 0) {
             (*pi_Retires)++;
-        else v.push_back(tpc_Membres[i]);
+            continue;
+        }
+        const std::vector<std::string> v_Adresses = AdressesMembre(tpc_Membres[i]);
+        bool b_Soi = false;
+        for (const std::string &s : v_Adresses) b_Soi = b_Soi || strcasecmp(s.c_str(), gpc_RcptTo) == 0;
+        if (!b_Soi) {
+            v.push_back(tpc_Membres[i]);
+            continue;
+        }
+        (*pi_Retires)++;
+        for (const std::string &s : v_Adresses) {
+            if (strcasecmp(s.c_str(), gpc_RcptTo) == 0) continue;
+            char *pc_Copie = strdup(s.c_str());
+            if (pc_Copie == nullptr) {
+                int i_Err = errno;
+                TraitementErreur(NIVEAU_CRITIQUE, "v1.1.0/4397: Erreur Malloc membre, errno=%d (%s). %s",
+                                 i_Err, strerror(i_Err), gPc_InfoMessEnCours);
+                continue;
+            }
+            v.push_back(pc_Copie);
+        }
     }
     v.push_back(nullptr);
     return v;

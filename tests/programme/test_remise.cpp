@@ -100,7 +100,8 @@ const std::string ENTREES =
     // The list deliveries' recipients.
     EntreeListe("liste", "LISTE", "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
                                   "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
-    EntreeListe("soi", "LISTE", "ravokVixMembres: La liste <Soi@Vorane.Example>\nravokVixMembres: m3@c.example\n") +
+    EntreeListe("soi", "LISTE", "ravokVixMembres: m4@d.example, La liste <Soi@Vorane.Example>\n"
+                                "ravokVixMembres: m3@c.example\nravokVixMembres: " + std::string(300, 'n') + "@e.example\n") +
     EntreeListe("vide", "LISTE-BR") + EntreeListe("muet1", "NULL", REPONSE + "TEXTE:Muet\n") +
     EntreeListe("muet2", "NULL", REPONSE + "TEXTE:Muet\n") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
     EntreeListe("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
@@ -806,7 +807,8 @@ std::string ApresTrace(const std::string &s) {
 // without members, an unknown list kind (its notice), a Sympa list, a Sympa
 // bounce list, a list expanded through a nested one without duplicates in
 // any case (the message's sender as bounce address), a list among its own
-// members (not sent to itself) and a mailbox in one run: the body is read
+// members (not sent to itself, the other address of that value still is)
+// and a mailbox in one run: the body is read
 // once and each delivery gets it whole (a NUL byte included), with the
 // list's Reply-To in place of the message's, also in the one LMTP
 // transaction after the loop; the Sympa programs get the list address and
@@ -840,7 +842,8 @@ TEST_F(Diffusion, ListesSympaEtBoite) {
     EXPECT_EQ(a[3].v_Argv, (Liste{CAPTURE, "sympa@vorane.example"}));
     EXPECT_EQ(a[4].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "M1@A.example", "m2@b.example",
                                   "x@c.example"}));
-    EXPECT_EQ(a[5].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "m3@c.example"}));
+    EXPECT_EQ(a[5].v_Argv, (Liste{CAPTURE, "-i", "-f", EMETTEUR, "--", "m3@c.example", "m4@d.example",
+                                  std::string(300, 'n') + "@e.example"}));
     const std::string s_Attendu =
         "Received: from poste by relais\nMessage-ID: <d-1@vorane.example>\n"
         "Subject: diffusion\nReply-To: liste@vorane.example\n"
