@@ -206,7 +206,7 @@ TEST(Lmtp, TousRefuses) {
     ServeurLmtpEssai srv({ACCUEIL, OK, st_Quota, Rep("550 5.1.1 User unknown\r\n"), Rep("451 4.2.0 later\r\n")},
                          false);
     Essai e;
-    e.v_Boites = {"quota", "inconnu", "x>\nrcpt to:<victime", "bob> IGNOREQUOTA", "tard"};
+    e.v_Boites = {"quota", "inconnu", "x\nRSET", "bob> IGNOREQUOTA", "tard"};
     e.v_Adresses = {"plein@v.example", "inconnu@v.example", "pirate@v.example", "bob@v.example", "tard@v.example"};
     EXPECT_EQ(Tente(srv.Designation(), e).s_Sortie,
               "0|Les destinataires suivants n'ont pas recu votre message:\n\n"
