@@ -12,10 +12,11 @@
 // that the library could not reach was left out of the result without a
 // word (an existing recipient read as unknown, refused with a notice), and
 // a referral to a server that answers with something other than LDAP made
-// the library abort the process.  Each referral gets a session of its own
-// with the run's session's options and an anonymous bind; its URLs are
-// alternatives, tried in order; a part that none of them answers fails the
-// whole search, so the message is retried rather than misjudged.
+// the library abort the process.  Each server a referral names gets one
+// session for the run, with the run's session's options and an anonymous
+// bind; a referral's URLs are alternatives, tried in order; a part of the
+// tree is asked once per search; a part that none of its URLs answers fails
+// the whole search, so the message is retried rather than misjudged.
 //
 // Buffers: URI list TAILLE_TEXTE (1024); filters are the callers'
 // (TAILLE_FILTRE, 320), built by ConstruitFiltreLdap.
@@ -23,6 +24,7 @@
 // 2618).
 #include "directory/directory.h"
 
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -34,6 +36,7 @@
 #include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <vector>
 
 #include "message/message.h"
 #include "report/report.h"
@@ -62,7 +65,6 @@ constexpr const char *PORT_LDAP_DEFAUT = "389";
 constexpr const char *SCHEMA_URI_LDAP = "ldap://";
 constexpr std::size_t LONGUEUR_MAX_PORT = 5;
 constexpr long PORT_MAX = 65535;
-constexpr int PORT_LDAPS = 636;
 constexpr int PORT_LDAP = 389;
 
 // Referrals followed one after the other from one search, at most (the
@@ -70,6 +72,11 @@ constexpr int PORT_LDAP = 389;
 constexpr int PROFONDEUR_MAX_RENVOIS = 5;
 // Bytes of a referral URL quoted in the log.
 constexpr int TAILLE_CITATION_URL = 200;
+
+// The sessions opened to follow referrals, by URI, kept for the run: a
+// directory split over several servers costs one connection and bind per
+// server, not one per search.  Only bound sessions are kept.
+std::vector<std::pair<std::string, LDAP *>> gv_SessionsRenvoi;
 
 // The empty text returned by RecupValeurTableau for "no such value".
 const char PC_VIDE[] = "";
@@ -342,12 +349,16 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     // 2. Each host in turn, until one takes the bind: a host that accepts
     //    the connection and then never answers, or refuses the bind, gives
     //    way to the next one after its time-out, as one that cannot be
-    //    reached does.  Only the last host's failure is reported.
+    //    reached does (2558 in the log).  Only the last host's failure is
+    //    reported.
     for (char *pc_Uri = pc_Uris; pc_Uri != nullptr;) {
         char *pc_Suite = strchr(pc_Uri, ',');
         if (pc_Suite != nullptr) *pc_Suite++ = '\0';
         LDAP *ld = SessionHote(pc_Hotes, pc_Uri, pc_Suite == nullptr);
         if (ld != nullptr) return ld;
+        if (pc_Suite != nullptr)
+            syslog(LOG_WARNING, "v1.1.0/2558: Serveur LDAP <%s> injoignable, essai du suivant. %s",
+                   pc_Uri, gPc_InfoMessEnCours);
         pc_Uri = pc_Suite;
     }
     return nullptr;
@@ -388,8 +399,11 @@ LDAP *ldapConnect(const char *pc_Hotes) {
     return nullptr;
 }
 
-// Unbinds an open session; the handle is null afterwards in every case.
+// Unbinds an open session, and the sessions kept to follow referrals; the
+// handle is null afterwards in every case.
 void ldapClose(LDAP **ppld) {
+    for (auto &[s, ld] : gv_SessionsRenvoi) LibereSession(ld);
+    gv_SessionsRenvoi.clear();
     if (ppld == nullptr) return;
     LibereSession(*ppld);
     *ppld = nullptr;
@@ -397,7 +411,6 @@ void ldapClose(LDAP **ppld) {
 
 RechercheLdap::~RechercheLdap() {
     for (auto &[ld, pst_Resultat] : v_Resultats) ldap_msgfree(pst_Resultat);
-    for (LDAP *ld : v_Sessions) LibereSession(ld);
 }
 
 namespace {
@@ -405,70 +418,104 @@ namespace {
 int Cherche(LDAP *ld, const char *pc_Base, const char *pc_Filtre, char **tpc_Attr,
             RechercheLdap *pst, int i_Profondeur);
 
-// A session on the server of a referral URL: ldap or ldaps, a host name or
-// address (never a list or a path: the URL is the directory's text), the
-// options of every session and the alias dereferencing of the session the
-// referral came from, bound anonymously.  LDAP_SUCCESS, or the failure's
-// code (LDAP_REFERRAL for a URL that names no usable server).
-int SessionRenvoi(LDAP *ld_Origine, const LDAPURLDesc *pst_Url, RechercheLdap *pst,
-                  LDAP **pld) {
-    *pld = nullptr;
+// The URI of the server a referral URL names: ldap only (a TLS handshake
+// is not bounded by the sessions' time-outs, and a server that never
+// answered it would hold the process), no critical extension the program
+// does not know, a host name or address (never a list or a path: the URL
+// is the directory's text), or no host: the server the referral came from.
+// False for a URL that names no usable server.
+bool UriRenvoi(LDAP *ld_Origine, const LDAPURLDesc *pst_Url, std::string *ps_Uri) {
+    if (pst_Url->lud_scheme == nullptr || strcasecmp(pst_Url->lud_scheme, "ldap") != 0 ||
+        pst_Url->lud_crit_exts > 0)
+        return false;
     const char *pc_Hote = pst_Url->lud_host != nullptr ? pst_Url->lud_host : "";
-    bool b_Ldaps = pst_Url->lud_scheme != nullptr && strcasecmp(pst_Url->lud_scheme, "ldaps") == 0;
-    if (!b_Ldaps && (pst_Url->lud_scheme == nullptr || strcasecmp(pst_Url->lud_scheme, "ldap") != 0))
-        return LDAP_REFERRAL;
-    bool b_Ipv6 = strchr(pc_Hote, ':') != nullptr;
-    if (pc_Hote[0] == '\0') return LDAP_REFERRAL;
-    for (const char *pc = pc_Hote; *pc != '\0'; pc++)
-        if (b_Ipv6 ? !EstCaractereIpv6(*pc) : !EstCaractereHote(*pc)) return LDAP_REFERRAL;
-    int i_Port = pst_Url->lud_port > 0 && pst_Url->lud_port <= PORT_MAX ? pst_Url->lud_port
-                 : b_Ldaps                                               ? PORT_LDAPS
-                                                                         : PORT_LDAP;
-    char pc_Uri[TAILLE_TEXTE];
-    int i_Long = snprintf(pc_Uri, sizeof pc_Uri, "%s://%s%s%s:%d", b_Ldaps ? "ldaps" : "ldap",
-                          b_Ipv6 ? "[" : "", pc_Hote, b_Ipv6 ? "]" : "", i_Port);
-    if (i_Long < 0 || static_cast<std::size_t>(i_Long) >= sizeof pc_Uri) return LDAP_REFERRAL;
-    if (ldap_initialize(pld, pc_Uri) != LDAP_SUCCESS || *pld == nullptr) {
-        *pld = nullptr;
-        return LDAP_REFERRAL;
+    if (pc_Hote[0] == '\0') {
+        char *pc_Origine = nullptr;
+        bool b_Ok = ldap_get_option(ld_Origine, LDAP_OPT_URI, &pc_Origine) == LDAP_OPT_SUCCESS &&
+                    pc_Origine != nullptr && strchr(pc_Origine, ',') == nullptr;
+        if (b_Ok) *ps_Uri = pc_Origine;
+        ldap_memfree(pc_Origine);
+        return b_Ok;
     }
-    pst->v_Sessions.push_back(*pld);
+    bool b_Ipv6 = strchr(pc_Hote, ':') != nullptr;
+    for (const char *pc = pc_Hote; *pc != '\0'; pc++)
+        if (b_Ipv6 ? !EstCaractereIpv6(*pc) : !EstCaractereHote(*pc)) return false;
+    int i_Port = pst_Url->lud_port > 0 && pst_Url->lud_port <= PORT_MAX ? pst_Url->lud_port
+                                                                          : PORT_LDAP;
+    *ps_Uri = std::string(SCHEMA_URI_LDAP) + (b_Ipv6 ? "[" : "") + pc_Hote + (b_Ipv6 ? "]" : "") +
+              ":" + std::to_string(i_Port);
+    return true;
+}
+
+// A bound session on the URI, with the options of every session: the one
+// kept for it, or a new one, bound anonymously and kept.  The alias
+// dereferencing of the session the referral came from is set on it for
+// this search.  LDAP_SUCCESS, or the failure's code.
+int SessionRenvoi(LDAP *ld_Origine, const std::string &s_Uri, LDAP **pld) {
+    *pld = nullptr;
+    for (const auto &[s, ld] : gv_SessionsRenvoi)
+        if (s == s_Uri) *pld = ld;
+    if (*pld == nullptr) {
+        LDAP *ld = nullptr;
+        if (ldap_initialize(&ld, s_Uri.c_str()) != LDAP_SUCCESS || ld == nullptr)
+            return LDAP_REFERRAL;
+        int i_Code = PoseOptionsSession(ld) ? LieAnonyme(ld) : LDAP_LOCAL_ERROR;
+        if (i_Code != LDAP_SUCCESS) {
+            LibereSession(ld);
+            return i_Code;
+        }
+        gv_SessionsRenvoi.emplace_back(s_Uri, ld);
+        *pld = ld;
+    }
     int i_Deref = LDAP_DEREF_NEVER;
     ldap_get_option(ld_Origine, LDAP_OPT_DEREF, &i_Deref);
-    if (!PoseOptionsSession(*pld) || !PoseOption(*pld, LDAP_OPT_DEREF, &i_Deref, i_Deref))
-        return LDAP_LOCAL_ERROR;
-    return LieAnonyme(*pld);
+    return PoseOption(*pld, LDAP_OPT_DEREF, &i_Deref, i_Deref) ? LDAP_SUCCESS : LDAP_LOCAL_ERROR;
 }
 
 // Follows one referral: its URLs name the same part of the directory on
 // other servers and are tried in order until one answers the search (below
-// the URL's DN, or below the same base when it names none).  What a URL
-// that failed had added to the results is dropped before the next is tried,
-// so that no entry counts twice.
+// the URL's DN, or below the same base when it names none).  A part the
+// search already asked, or is asking (two references to one part, or a
+// referral back to where it came from), is not asked again: its entries
+// would count twice.  What a URL that failed had added is dropped before
+// the next is tried.
 int SuitRenvoi(LDAP *ld, char **tpc_Urls, const char *pc_Base, const char *pc_Filtre,
                char **tpc_Attr, RechercheLdap *pst, int i_Profondeur) {
     int i_Code = i_Profondeur < PROFONDEUR_MAX_RENVOIS ? LDAP_REFERRAL : LDAP_REFERRAL_LIMIT_EXCEEDED;
     for (int i = 0; i_Profondeur < PROFONDEUR_MAX_RENVOIS && tpc_Urls != nullptr &&
                     tpc_Urls[i] != nullptr;
          i++) {
-        const std::size_t t_Avant = pst->v_Resultats.size();
+        const std::size_t t_Resultats = pst->v_Resultats.size(), t_Parties = pst->v_Parties.size();
         LDAPURLDesc *pst_Url = nullptr;
-        LDAP *ld_Renvoi = nullptr;
+        std::string s_Uri;
         i_Code = LDAP_REFERRAL;
-        if (ldap_url_parse(tpc_Urls[i], &pst_Url) == LDAP_URL_SUCCESS) {
-            i_Code = SessionRenvoi(ld, pst_Url, pst, &ld_Renvoi);
-            const char *pc_Dn = pst_Url->lud_dn != nullptr && pst_Url->lud_dn[0] != '\0'
-                                    ? pst_Url->lud_dn
-                                    : pc_Base;
-            if (i_Code == LDAP_SUCCESS)
-                i_Code = Cherche(ld_Renvoi, pc_Dn, pc_Filtre, tpc_Attr, pst, i_Profondeur + 1);
-            ldap_free_urldesc(pst_Url);
+        if (ldap_url_parse(tpc_Urls[i], &pst_Url) == LDAP_URL_SUCCESS &&
+            UriRenvoi(ld, pst_Url, &s_Uri)) {
+            std::string s_Dn = pst_Url->lud_dn != nullptr && pst_Url->lud_dn[0] != '\0'
+                                   ? pst_Url->lud_dn
+                                   : pc_Base;
+            std::string s_Partie = s_Uri + "/" + s_Dn;
+            for (char &c : s_Partie) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+            bool b_Demandee = false;
+            for (const std::string &s : pst->v_Parties) b_Demandee = b_Demandee || s == s_Partie;
+            LDAP *ld_Renvoi = nullptr;
+            if (b_Demandee) {
+                i_Code = LDAP_SUCCESS;
+            } else {
+                pst->v_Parties.push_back(s_Partie);
+                i_Code = SessionRenvoi(ld, s_Uri, &ld_Renvoi);
+                if (i_Code == LDAP_SUCCESS)
+                    i_Code = Cherche(ld_Renvoi, s_Dn.c_str(), pc_Filtre, tpc_Attr, pst,
+                                     i_Profondeur + 1);
+            }
         }
+        ldap_free_urldesc(pst_Url);
         if (i_Code == LDAP_SUCCESS) return LDAP_SUCCESS;
-        while (pst->v_Resultats.size() > t_Avant) {
+        while (pst->v_Resultats.size() > t_Resultats) {
             ldap_msgfree(pst->v_Resultats.back().second);
             pst->v_Resultats.pop_back();
         }
+        pst->v_Parties.resize(t_Parties);
         syslog(LOG_WARNING, "v1.1.0/2606: Renvoi de l'annuaire non suivi <%.*s>, ld_errno=%d (%s). %s",
                TAILLE_CITATION_URL, tpc_Urls[i], i_Code, ldap_err2string(i_Code),
                gPc_InfoMessEnCours);

@@ -50,7 +50,8 @@
 //
 // Messages
 //   level 4  2542 ldap_open, 2548 ldap_set_option, 2556 bind (one attempt)
-//   syslog   2570 retry line (LOG_WARNING)
+//   syslog   2570 retry line, 2558 a host of the list passed over, 2606 a
+//            referral URL not followed (LOG_WARNING)
 //   level 2  2576 no connection in the retry window, 2604 search error or
 //            time-out, 2610 counted entry missing, 2612 values not copied,
 //            3381 malloc, 3402 realloc
@@ -63,6 +64,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -90,11 +92,12 @@ LDAP *_ldapConnect(const char *pc_Hotes);
 void ldapClose(LDAP **ppld);
 
 // One search over the whole directory, referrals included: every result
-// received, with the session it came from (the run's, or one opened to
-// follow a referral); released with the record.
+// received, with the session it came from (the run's, or one kept to follow
+// referrals), released with the record; and the parts of the tree asked
+// ("ldap://host:port/dn", lower case).
 struct RechercheLdap {
     std::vector<std::pair<LDAP *, LDAPMessage *>> v_Resultats;
-    std::vector<LDAP *> v_Sessions;
+    std::vector<std::string> v_Parties;
     RechercheLdap() = default;
     RechercheLdap(const RechercheLdap &) = delete;
     RechercheLdap &operator=(const RechercheLdap &) = delete;

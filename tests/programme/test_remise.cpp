@@ -757,19 +757,20 @@ TEST_F(Remise, ExplicationComplete) {
               "\nFin de l'explication : rien n'a ete remis, envoye ni ecrit.\n");
 }
 
-// A directory that answers a search with a referral: the recipient is found
-// on the second server; a referral to a server that never answers, or to
-// one that is down, ends within the time limits, the message kept for a
-// retry (never a recipient "not found").
+// A directory that answers a search with two referrals to one part of the
+// tree: the recipient is found once on the second server; a referral to a
+// server that never answers, or to one that is down, ends within the time
+// limits, the message kept for a retry (never a recipient "not found").
 TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
     ServeurMuet st_Muet;
     ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
     for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote, "127.0.0.1:" + std::to_string(PortLibre())}) {
         AnnuaireEssai st_Premier;
-        ASSERT_TRUE(DemarreAnnuaire(&st_Premier, EntreeLdif("ou=ailleurs", "objectClass: referral\nobjectClass: "
-                                                            "extensibleObject\nou: ailleurs\nref: ldap://" + s_Cible +
-                                                            "/ou=ailleurs," + SUFFIXE_ANNUAIRE_ESSAI + "\n")))
-            << st_Premier.s_Erreur;
+        std::string s_Renvois;
+        for (const std::string pc : {"ailleurs", "aussi"})
+            s_Renvois += EntreeLdif("ou=" + pc, "objectClass: referral\nobjectClass: extensibleObject\n"
+                                    "ou: " + pc + "\nref: ldap://" + s_Cible + "/ou=ailleurs," + SUFFIXE_ANNUAIRE_ESSAI + "\n");
+        ASSERT_TRUE(DemarreAnnuaire(&st_Premier, s_Renvois)) << st_Premier.s_Erreur;
         ServeurLmtpEssai st_Lmtp(Accepte(1), false);
         ResultatProcessus r = Lance({"-r", st_Lmtp.Designation(), "-l", st_Premier.s_Hote}, "ext@partenaire.test",
                                     {"loin@vorane.example"}, Message());
