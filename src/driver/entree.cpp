@@ -79,18 +79,19 @@ int TestDecode(const char *pc_Texte) {
 // enter hides the three directories, however open they are).  The commands
 // go through the shell as the maintenance procedure has always run them; the
 // spool root is a build value (checked at configure time to hold no quote),
-// never an outside one.  The files inside are opened too, so that a new
-// delivery user can re-date the frequency files and markers (empty files)
-// of an earlier one; the dump files, which hold messages, are then closed
-// again to all but their owner.
+// never an outside one.  The three directories are opened, not what they
+// hold: a recursive change of mode, run as root inside a directory every
+// user can write to, follows a link swapped in for a file during the walk
+// (root would open any file of the system to everyone), and the dump files
+// hold messages.  The files stay their owner's (the package gives them to
+// a new delivery user).
 [[noreturn]] void Initialise() {
     const char *const tpc_Modeles[] = {
         "mkdir -p '%sAbsences/' '%sRemises/' '%sErreurs/'",
         "chmod 755 '%s'",
-        "chmod -R 777 '%sAbsences/'",
-        "chmod -R 777 '%sErreurs/'",
-        "chmod -R 777 '%sRemises/'",
-        "find '%sErreurs/' -mindepth 1 -type f -exec chmod 600 {} +",
+        "chmod 777 '%sAbsences/'",
+        "chmod 777 '%sErreurs/'",
+        "chmod 777 '%sRemises/'",
     };
     umask(022);
     for (const char *pc_Modele : tpc_Modeles) {
