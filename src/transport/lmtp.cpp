@@ -423,15 +423,14 @@ bool FormatCommande(char *pc_Tampon, const char *pc_Modele, const char *pc_A, co
 
 // True when the store can read the sender in its command: the store offers
 // no SMTPUTF8 and answers 501 to an address holding 8-bit bytes, and to an
-// IPv6 address literal (a colon between brackets); Postfix accepts both.
+// IPv6 address literal (a domain, after the last "@", of the form
+// "[...:...]"); Postfix accepts both.  Brackets and colons of a quoted
+// local part are the store's to read.
 bool EmetteurLisibleLmtp(const char *pc) {
-    bool b_Litteral = false;
-    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc); *pu != '\0'; pu++) {
-        if (*pu >= 0x80 || (*pu == ':' && b_Litteral)) return false;
-        if (*pu == '[') b_Litteral = true;
-        if (*pu == ']') b_Litteral = false;
-    }
-    return true;
+    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc); *pu != '\0'; pu++)
+        if (*pu >= 0x80) return false;
+    const char *pc_Domaine = strrchr(pc, '@');
+    return pc_Domaine == nullptr || pc_Domaine[1] != '[' || strchr(pc_Domaine, ':') == nullptr;
 }
 
 namespace {
