@@ -421,16 +421,36 @@ bool FormatCommande(char *pc_Tampon, const char *pc_Modele, const char *pc_A, co
 
 }  // namespace
 
-// True when the store can read the sender in its command: the store offers
-// no SMTPUTF8 and answers 501 to an address holding 8-bit bytes, and to an
-// IPv6 address literal (a domain, after the last "@", of the form
-// "[...:...]"); Postfix accepts both.  Brackets and colons of a quoted
-// local part are the store's to read.
+// True when the store can read the sender in its command.  The store
+// offers no SMTPUTF8 and answers 501 to what Postfix accepts from the
+// network: 8-bit bytes (an internationalised address), a second "@" outside
+// quotes, and a domain other than letters, digits, dots and hyphens or an
+// address literal of digits and dots (an underscore, an IPv6 literal).
+// Brackets, colons and "@" inside a quoted local part are the store's to
+// read.
 bool EmetteurLisibleLmtp(const char *pc) {
-    for (const unsigned char *pu = reinterpret_cast<const unsigned char *>(pc); *pu != '\0'; pu++)
-        if (*pu >= 0x80) return false;
-    const char *pc_Domaine = strrchr(pc, '@');
-    return pc_Domaine == nullptr || pc_Domaine[1] != '[' || strchr(pc_Domaine, ':') == nullptr;
+    const char *pc_Domaine = nullptr;
+    bool b_Guillemets = false;
+    for (const char *p = pc; *p != '\0'; p++) {
+        if (static_cast<unsigned char>(*p) >= 0x80) return false;
+        if (*p == '\\' && p[1] != '\0') {
+            p++;
+        } else if (*p == '"') {
+            b_Guillemets = !b_Guillemets;
+        } else if (*p == '@' && !b_Guillemets) {
+            if (pc_Domaine != nullptr) return false;
+            pc_Domaine = p + 1;
+        }
+    }
+    if (pc_Domaine == nullptr) return true;
+    const bool b_Litteral = pc_Domaine[0] == '[';
+    const char *p = pc_Domaine + (b_Litteral ? 1 : 0);
+    for (; *p != '\0' && *p != ']'; p++) {
+        bool b_Chiffre = *p >= '0' && *p <= '9';
+        bool b_Lettre = (*p >= 'a' && *p <= 'z') || (*p >= 'A' && *p <= 'Z');
+        if (!b_Chiffre && *p != '.' && (b_Litteral || (!b_Lettre && *p != '-'))) return false;
+    }
+    return b_Litteral ? p[0] == ']' && p[1] == '\0' : *p == '\0';
 }
 
 namespace {

@@ -193,12 +193,14 @@ TEST(Lmtp, IssuesDuDialogue) {
 }
 
 // The senders the store cannot read in its sender command (sent as the
-// null sender) and those it reads, brackets of a quoted local part included.
+// null sender) and those it reads, as the real store answered them;
+// brackets, colons and "@" of a quoted local part included.
 TEST(Lmtp, EmetteurLisible) {
     for (const auto &[pc, b] : std::initializer_list<std::pair<const char *, bool>>{
              {"a@b.example", true}, {"", true}, {"u@[192.0.2.1]", true}, {"\"a[b:c]\"@x.test", true},
              {"\"[a:b]\"@x.test", true}, {"j\xc3\xb6hn@x.test", false}, {"a\x80@x.test", false},
-             {"u@[ipv6:2001:db8::1]", false}, {"\"x@y\"@[IPv6:::1]", false}})
+             {"u@[ipv6:2001:db8::1]", false}, {"\"x@y\"@[IPv6:::1]", false}, {"a@b_c.example", false},
+             {"a@b.c@d", false}, {"\"x@y\"@z.example", true}, {"a@-b.example.", true}})
         EXPECT_EQ(EmetteurLisibleLmtp(pc), b) << pc;
 }
 
