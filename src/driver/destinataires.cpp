@@ -207,18 +207,17 @@ namespace {
 
 // The addresses of a member value as sendmail reads it: a list of
 // addresses, each bare or with a phrase or comment ("Liste <liste@...>",
-// "a@b, liste@... (la liste)").  Only for a value shorter than an address
-// buffer, which none of the reader's buffers can overflow; empty for a
-// longer one.
+// "a@b, liste@... (la liste)").  The reader's buffers are the value's size:
+// an address or phrase is never longer than the text it comes from, so no
+// value, however long, can overflow them.
 std::vector<std::string> AdressesMembre(const char *pc_Membre) {
     std::vector<std::string> v;
-    if (strlen(pc_Membre) >= TAILLE_ADRESSE) return v;
+    const std::size_t t_Taille = strlen(pc_Membre) + 1;
+    std::vector<char> v_Adresse(t_Taille), v_Phrase(t_Taille);
     for (const char *pc = pc_Membre; *pc != '\0';) {
-        char pc_Adresse[TAILLE_ADRESSE];
-        char pc_Phrase[TAILLE_PHRASE];
-        const char *pc_Suite = FetchAddress(pc, pc_Adresse, sizeof pc_Adresse, pc_Phrase,
-                                            sizeof pc_Phrase);
-        if (pc_Adresse[0] != '\0') v.emplace_back(pc_Adresse);
+        const char *pc_Suite =
+            FetchAddress(pc, v_Adresse.data(), t_Taille, v_Phrase.data(), t_Taille);
+        if (v_Adresse[0] != '\0') v.emplace_back(v_Adresse.data());
         if (pc_Suite <= pc) break;
         pc = pc_Suite;
     }

@@ -101,7 +101,8 @@ const std::string ENTREES =
     EntreeListe("liste", "LISTE", "ravokVixMembres: m2@b.example\nravokVixMembres: m1@a.example\n"
                                   "info: avis:  \tbounce@vorane.example\ninfo: REPONSE: liste@vorane.example\n") +
     EntreeListe("soi", "LISTE", "ravokVixMembres: m4@d.example, La liste <Soi@Vorane.Example>\n"
-                                "ravokVixMembres: m3@c.example\nravokVixMembres: " + std::string(300, 'n') + "@e.example\n") +
+                                "ravokVixMembres: m3@c.example\nravokVixMembres: " + std::string(300, 'n') + "@e.example\n"
+                                "ravokVixMembres: \"" + std::string(300, 'N') + "\" <soi@vorane.example>\n") +
     EntreeListe("vide", "LISTE-BR") + EntreeListe("muet1", "NULL", REPONSE + "TEXTE:Muet\n") +
     EntreeListe("muet2", "NULL", REPONSE + "TEXTE:Muet\n") + EntreeListe("fax", "LISTE-FAX", "ravokVixMembres: f@a.example\n") +
     EntreeListe("mu", "LISTE-MU", "ravokVixMembres: x@c.example\nravokVixMembres: liste@vorane.example\n"
