@@ -447,14 +447,25 @@ bool UriRenvoi(LDAP *ld_Origine, const LDAPURLDesc *pst_Url, std::string *ps_Uri
     return true;
 }
 
+// Drops the kept session of the URI (its connection was lost).
+void OublieSessionRenvoi(const std::string &s_Uri) {
+    for (auto it = gv_SessionsRenvoi.begin(); it != gv_SessionsRenvoi.end(); ++it) {
+        if (it->first != s_Uri) continue;
+        LibereSession(it->second);
+        gv_SessionsRenvoi.erase(it);
+        return;
+    }
+}
+
 // A bound session on the URI, with the options of every session: the one
-// kept for it, or a new one, bound anonymously and kept.  The alias
-// dereferencing of the session the referral came from is set on it for
-// this search.  LDAP_SUCCESS, or the failure's code.
-int SessionRenvoi(LDAP *ld_Origine, const std::string &s_Uri, LDAP **pld) {
+// kept for it (*pb_Gardee), or a new one, bound anonymously and kept.  The
+// alias dereferencing of the session the referral came from is set on it
+// for this search.  LDAP_SUCCESS, or the failure's code.
+int SessionRenvoi(LDAP *ld_Origine, const std::string &s_Uri, LDAP **pld, bool *pb_Gardee) {
     *pld = nullptr;
     for (const auto &[s, ld] : gv_SessionsRenvoi)
         if (s == s_Uri) *pld = ld;
+    *pb_Gardee = *pld != nullptr;
     if (*pld == nullptr) {
         LDAP *ld = nullptr;
         if (ldap_initialize(&ld, s_Uri.c_str()) != LDAP_SUCCESS || ld == nullptr)
@@ -472,20 +483,46 @@ int SessionRenvoi(LDAP *ld_Origine, const std::string &s_Uri, LDAP **pld) {
     return PoseOption(*pld, LDAP_OPT_DEREF, &i_Deref, i_Deref) ? LDAP_SUCCESS : LDAP_LOCAL_ERROR;
 }
 
+// Asks one part of the tree (a referral URL's server and DN) on the kept
+// session of its server, or a new one; a kept session whose connection was
+// lost (the server restarted, an idle connection cut) gives way once to a
+// new session.  What a failed attempt added to the results is dropped.
+int DemandePartie(LDAP *ld, const std::string &s_Uri, const std::string &s_Dn,
+                  const char *pc_Filtre, char **tpc_Attr, RechercheLdap *pst, int i_Profondeur) {
+    int i_Code = LDAP_REFERRAL;
+    for (int i_Essai = 0; i_Essai < 2; i_Essai++) {
+        const std::size_t t_Resultats = pst->v_Resultats.size(), t_Parties = pst->v_Parties.size();
+        LDAP *ld_Renvoi = nullptr;
+        bool b_Gardee = false;
+        i_Code = SessionRenvoi(ld, s_Uri, &ld_Renvoi, &b_Gardee);
+        if (i_Code == LDAP_SUCCESS)
+            i_Code = Cherche(ld_Renvoi, s_Dn.c_str(), pc_Filtre, tpc_Attr, pst, i_Profondeur + 1);
+        if (i_Code == LDAP_SUCCESS) return LDAP_SUCCESS;
+        while (pst->v_Resultats.size() > t_Resultats) {
+            ldap_msgfree(pst->v_Resultats.back().second);
+            pst->v_Resultats.pop_back();
+        }
+        pst->v_Parties.resize(t_Parties);
+        if (!b_Gardee || (i_Code != LDAP_SERVER_DOWN && i_Code != LDAP_CONNECT_ERROR)) break;
+        OublieSessionRenvoi(s_Uri);
+    }
+    return i_Code;
+}
+
 // Follows one referral: its URLs name the same part of the directory on
 // other servers and are tried in order until one answers the search (below
-// the URL's DN, or below the same base when it names none).  A part the
-// search already asked, or is asking (two references to one part, or a
-// referral back to where it came from), is not asked again: its entries
-// would count twice.  What a URL that failed had added is dropped before
-// the next is tried.
+// the URL's DN, or below the same base when it names none).  A part this
+// search has had answered is not asked again (two references to one part):
+// its entries would count twice.  A part it is still asking, met again
+// through a referral that leads back to it, is a loop: that URL fails
+// (LDAP_LOOP_DETECT), never a part read as empty.  What a URL that failed
+// had added is dropped before the next is tried.
 int SuitRenvoi(LDAP *ld, char **tpc_Urls, const char *pc_Base, const char *pc_Filtre,
                char **tpc_Attr, RechercheLdap *pst, int i_Profondeur) {
     int i_Code = i_Profondeur < PROFONDEUR_MAX_RENVOIS ? LDAP_REFERRAL : LDAP_REFERRAL_LIMIT_EXCEEDED;
     for (int i = 0; i_Profondeur < PROFONDEUR_MAX_RENVOIS && tpc_Urls != nullptr &&
                     tpc_Urls[i] != nullptr;
          i++) {
-        const std::size_t t_Resultats = pst->v_Resultats.size(), t_Parties = pst->v_Parties.size();
         LDAPURLDesc *pst_Url = nullptr;
         std::string s_Uri;
         i_Code = LDAP_REFERRAL;
@@ -496,26 +533,20 @@ int SuitRenvoi(LDAP *ld, char **tpc_Urls, const char *pc_Base, const char *pc_Fi
                                    : pc_Base;
             std::string s_Partie = s_Uri + "/" + s_Dn;
             for (char &c : s_Partie) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-            bool b_Demandee = false;
-            for (const std::string &s : pst->v_Parties) b_Demandee = b_Demandee || s == s_Partie;
-            LDAP *ld_Renvoi = nullptr;
-            if (b_Demandee) {
-                i_Code = LDAP_SUCCESS;
+            auto it = pst->v_Parties.begin();
+            while (it != pst->v_Parties.end() && it->first != s_Partie) ++it;
+            if (it != pst->v_Parties.end()) {
+                i_Code = it->second ? LDAP_SUCCESS : LDAP_LOOP_DETECT;
             } else {
-                pst->v_Parties.push_back(s_Partie);
-                i_Code = SessionRenvoi(ld, s_Uri, &ld_Renvoi);
-                if (i_Code == LDAP_SUCCESS)
-                    i_Code = Cherche(ld_Renvoi, s_Dn.c_str(), pc_Filtre, tpc_Attr, pst,
-                                     i_Profondeur + 1);
+                pst->v_Parties.emplace_back(s_Partie, false);
+                const std::size_t t_Rang = pst->v_Parties.size() - 1;
+                i_Code = DemandePartie(ld, s_Uri, s_Dn, pc_Filtre, tpc_Attr, pst, i_Profondeur);
+                if (i_Code == LDAP_SUCCESS) pst->v_Parties[t_Rang].second = true;
+                else pst->v_Parties.resize(t_Rang);
             }
         }
         ldap_free_urldesc(pst_Url);
         if (i_Code == LDAP_SUCCESS) return LDAP_SUCCESS;
-        while (pst->v_Resultats.size() > t_Resultats) {
-            ldap_msgfree(pst->v_Resultats.back().second);
-            pst->v_Resultats.pop_back();
-        }
-        pst->v_Parties.resize(t_Parties);
         syslog(LOG_WARNING, "v1.1.0/2606: Renvoi de l'annuaire non suivi <%.*s>, ld_errno=%d (%s). %s",
                TAILLE_CITATION_URL, tpc_Urls[i], i_Code, ldap_err2string(i_Code),
                gPc_InfoMessEnCours);

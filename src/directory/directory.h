@@ -94,10 +94,10 @@ void ldapClose(LDAP **ppld);
 // One search over the whole directory, referrals included: every result
 // received, with the session it came from (the run's, or one kept to follow
 // referrals), released with the record; and the parts of the tree asked
-// ("ldap://host:port/dn", lower case).
+// through referrals ("ldap://host:port/dn", lower case), true once answered.
 struct RechercheLdap {
     std::vector<std::pair<LDAP *, LDAPMessage *>> v_Resultats;
-    std::vector<std::string> v_Parties;
+    std::vector<std::pair<std::string, bool>> v_Parties;
     RechercheLdap() = default;
     RechercheLdap(const RechercheLdap &) = delete;
     RechercheLdap &operator=(const RechercheLdap &) = delete;

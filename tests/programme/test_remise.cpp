@@ -760,12 +760,14 @@ TEST_F(Remise, ExplicationComplete) {
 
 // A directory that answers a search with two referrals to one part of the
 // tree: the recipient is found once on the second server; a referral to a
-// server that never answers, or to one that is down, ends within the time
-// limits, the message kept for a retry (never a recipient "not found").
+// server that never answers, or to one that is down, or back to itself (no
+// host: the same server), ends within the time limits, the message kept for
+// a retry (never a recipient "not found").
 TEST_F(Remise, RenvoiDeLAnnuaireSuivi) {
     ServeurMuet st_Muet;
     ASSERT_TRUE(DemarreServeurMuet(&st_Muet, ModeMuet::Accepte));
-    for (const std::string &s_Cible : {sst_Annuaire.s_Hote, st_Muet.s_Hote, "127.0.0.1:" + std::to_string(PortLibre())}) {
+    for (const std::string &s_Cible :
+         {sst_Annuaire.s_Hote, st_Muet.s_Hote, "127.0.0.1:" + std::to_string(PortLibre()), std::string()}) {
         AnnuaireEssai st_Premier;
         std::string s_Renvois;
         for (const std::string pc : {"ailleurs", "aussi"})
