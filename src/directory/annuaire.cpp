@@ -286,6 +286,13 @@ int ConstruitUrisLdap(const char *pc_Hotes, char *pc_Uris, std::size_t t_Taille)
 
 namespace {
 
+// A host list that cannot be opened or reached: level 4 (2542).
+void RapporteOuverture(const char *pc_Hotes, int i_Errno) {
+    TraitementErreur(NIVEAU_AVERTISSEMENT, "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
+                     pc_Hotes != nullptr ? pc_Hotes : "", i_Errno, strerror(i_Errno),
+                     gPc_InfoMessEnCours);
+}
+
 // One host of the list (its ldap:// URI): session, options, connect, bind.
 // The session, or null; a failure is reported (level 4) when b_Rapport,
 // naming the host list as given.
@@ -293,11 +300,7 @@ LDAP *SessionHote(const char *pc_Hotes, const char *pc_Uri, bool b_Rapport) {
     LDAP *ld = nullptr;
     errno = 0;
     if (ldap_initialize(&ld, pc_Uri) != LDAP_SUCCESS || ld == nullptr) {
-        int i_Errno = errno != 0 ? errno : EINVAL;
-        if (b_Rapport)
-            TraitementErreur(NIVEAU_AVERTISSEMENT,
-                             "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes,
-                             i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+        if (b_Rapport) RapporteOuverture(pc_Hotes, errno != 0 ? errno : EINVAL);
         return nullptr;
     }
     if (!PoseOptionsSession(ld)) {
@@ -309,11 +312,7 @@ LDAP *SessionHote(const char *pc_Hotes, const char *pc_Uri, bool b_Rapport) {
     // and not as a refused bind.
     errno = 0;
     if (ldap_connect(ld) != LDAP_SUCCESS) {
-        int i_Errno = errno;
-        if (b_Rapport)
-            TraitementErreur(NIVEAU_AVERTISSEMENT,
-                             "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s", pc_Hotes,
-                             i_Errno, strerror(i_Errno), gPc_InfoMessEnCours);
+        if (b_Rapport) RapporteOuverture(pc_Hotes, errno);
         LibereSession(ld);
         return nullptr;
     }
@@ -339,10 +338,7 @@ LDAP *_ldapConnect(const char *pc_Hotes) {
     char pc_Uris[TAILLE_TEXTE];
     EcartePluginsSasl();
     if (ConstruitUrisLdap(pc_Hotes, pc_Uris, sizeof pc_Uris) < 0) {
-        TraitementErreur(NIVEAU_AVERTISSEMENT,
-                         "v1.1.0/2542: Erreur ldap_open <%s>, errno=%d (%s). %s",
-                         pc_Hotes != nullptr ? pc_Hotes : "", EINVAL, strerror(EINVAL),
-                         gPc_InfoMessEnCours);
+        RapporteOuverture(pc_Hotes, EINVAL);
         return nullptr;
     }
 
