@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iconv.h>
+#include <strings.h>
 
 #include "message/message.h"
 #include "report/report.h"
@@ -132,6 +133,22 @@ int LongueurUnite(const unsigned char *p) {
     return i;
 }
 
+// Bytes of the character that starts at the position: in UTF-8 a lead byte
+// and the continuation bytes that follow it (at most three), else one.
+int LongueurCaractere(const unsigned char *p, bool b_Utf8) {
+    int i = 1;
+    if (b_Utf8 && *p >= 0xC0)
+        while (i < 4 && p[i] >= 0x80 && p[i] <= 0xBF) i++;
+    return i;
+}
+
+// True when the whole character at the position still fits once written
+// from w: each of its bytes passes the headroom check, so a word is never
+// closed for lack of room between the bytes of one character.
+bool TientEntier(const unsigned char *p, int w, int i_Taille, bool b_Utf8) {
+    return w + 3 * (LongueurCaractere(p, b_Utf8) - 1) + MARGE_ENCODAGE < i_Taille;
+}
+
 // Writes one byte of the value in Q form; returns the columns it takes.
 int EncodeOctet(unsigned char c, char *pc_Ecrit, int *pi_Ecrit) {
     if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z')) {
@@ -246,11 +263,17 @@ char *EncodeQP(const char *pc_Valeur, const char *pc_Charset, char *pc_Sortie, i
                           ? static_cast<int>(t_Charset) + 5
                           : i_Taille;  // cannot fit
 
-    // 3. Words while room is left.
+    // 3. Words while room is left.  In UTF-8 the room is counted in whole
+    // characters: the bytes of the character that does not fit are dropped
+    // with it, never its lead byte alone (a word holding part of a character
+    // does not decode).
+    const bool b_Utf8 = strcasecmp(pc_Charset, "UTF-8") == 0 || strcasecmp(pc_Charset, "UTF8") == 0;
     const unsigned char *p = reinterpret_cast<const unsigned char *>(pc_Valeur);
     int w = 0;
+    bool b_Plein = false;
     pc_Sortie[0] = '\0';
-    while (*p != '\0' && w + MARGE_ENCODAGE < i_Taille && w + i_Ouverture + 5 <= i_Taille) {
+    while (*p != '\0' && !b_Plein && w + MARGE_ENCODAGE < i_Taille &&
+           w + i_Ouverture + 5 <= i_Taille && TientEntier(p, w + i_Ouverture, i_Taille, b_Utf8)) {
         // Opening "=?charset?Q?".
         pc_Sortie[w++] = '=';
         pc_Sortie[w++] = '?';
@@ -262,10 +285,14 @@ char *EncodeQP(const char *pc_Valeur, const char *pc_Charset, char *pc_Sortie, i
 
         // Characters up to the cut or the end of the room.
         bool b_Premier = true;
-        while (*p != '\0' && w + MARGE_ENCODAGE < i_Taille &&
+        while (*p != '\0' &&
                (b_Premier || !yfautcouper(reinterpret_cast<const char *>(p), i_Compteur))) {
-            i_Compteur += EncodeOctet(*p, pc_Sortie, &w);
-            p++;
+            if (!TientEntier(p, w, i_Taille, b_Utf8)) {
+                b_Plein = true;
+                break;
+            }
+            for (int i = LongueurCaractere(p, b_Utf8); i > 0; i--, p++)
+                i_Compteur += EncodeOctet(*p, pc_Sortie, &w);
             b_Premier = false;
         }
 

@@ -28,7 +28,9 @@
 //     incoming From's character set serves only when its name is a plain
 //     token (letters, digits, "-", "_") and the name comes out of the
 //     conversion as one quoted string without control bytes (not so in
-//     UTF-16, EBCDIC or ISO-2022 forms): otherwise UTF-8;
+//     UTF-16, EBCDIC or ISO-2022 forms) whose only ASCII bytes are the
+//     name's own ASCII characters (not so in Shift_JIS, GBK or Big5, where
+//     a word cut could split a character): otherwise UTF-8;
 //   - the incoming values are read from the working header before any line
 //     of it is rewritten: the same texts as the incoming header, joined into
 //     whole lines (see analyse.cpp), so that a piece of a long line is never
@@ -131,6 +133,23 @@ bool EstUneChaineEntreGuillemets(const char *pc) {
     return false;
 }
 
+// True when the converted text holds the ASCII characters of the source as
+// they are, in the same order, and no other byte below 0x80: every
+// character outside ASCII is then written with bytes of 0x80 or more only,
+// which the cut between encoded words never separates.  Not so in
+// Shift_JIS, GBK or Big5, whose second bytes are often ASCII letters: a cut
+// there would split a character between two words.
+bool MemesOctetsAscii(const char *pc_Source, const char *pc_Converti) {
+    auto Suivant = [](const char *pc) {
+        while (*pc != '\0' && static_cast<unsigned char>(*pc) >= 0x80) pc++;
+        return pc;
+    };
+    const char *pc_S = Suivant(pc_Source), *pc_C = Suivant(pc_Converti);
+    for (; *pc_S != '\0' && *pc_C != '\0'; pc_S = Suivant(pc_S + 1), pc_C = Suivant(pc_C + 1))
+        if (*pc_S != *pc_C) return false;
+    return *pc_S == '\0' && *pc_C == '\0';
+}
+
 // True when the charset name is a plain token: letters, digits, "-", "_".
 bool EstNomCharset(const char *pc) {
     for (; *pc != '\0'; pc++)
@@ -173,7 +192,7 @@ void EncodeNom(const char *pc_Nom, const char *pc_FromOrigine, char *pc_Sortie,
     MetEntreGuillemets(pc_Nom, pc_Guillemets, std::min(sizeof pc_Guillemets, t_Taille));
     char pc_Converti[TAILLE_PHRASE];
     if (conv_jc2(pc_Guillemets, "UTF-8", pc_Converti, pc_Charset, sizeof pc_Converti) != nullptr &&
-        EstUneChaineEntreGuillemets(pc_Converti))
+        EstUneChaineEntreGuillemets(pc_Converti) && MemesOctetsAscii(pc_Guillemets, pc_Converti))
         EncodeQP(pc_Converti, pc_Charset, pc_Sortie, static_cast<int>(t_Taille));
     else
         EncodeQP(pc_Guillemets, "UTF-8", pc_Sortie, static_cast<int>(t_Taille));

@@ -305,6 +305,20 @@ TEST_F(Remise, EnveloppeDifferenteSujet8bitsEtSpam) {
     DecodeQP(s_Livre.substr(p, s_Livre.find("\n\t<", p) - p).c_str(), "UTF-8", pc_Nom, sizeof pc_Nom);
     EXPECT_TRUE(std::string(pc_Nom).ends_with("\xc3\xa9 (par Internet, d\xc3\xa9p\xc3\xb4t robot@envoi.test)\""))
         << pc_Nom;
+
+    // A name in Shift_JIS, whose second bytes are ASCII letters, long
+    // enough to take two words: it is written in UTF-8, so that no word
+    // ends inside a character and each decodes alone.
+    std::string s_Kanji;  // "山田太郎" six times, in UTF-8
+    for (int i = 0; i < 6; i++) s_Kanji += "\xe5\xb1\xb1\xe7\x94\xb0\xe5\xa4\xaa\xe9\x83\x8e";
+    ServeurLmtpEssai st_Sjis(Accepte(1), false);
+    r = Lance({"-r", st_Sjis.Designation()}, "yamada@partenaire.test", {"alice@vorane.example"},
+              "From: =?Shift_JIS?B?jlKTY5G+mFmOUpNjkb6YWY5Sk2ORvphZjlKTY5G+mFmOUpNjkb6YWY5Sk2ORvphZ?= "
+              "<yamada@partenaire.test>\n\ncorps\n");
+    const std::string s_Sjis = DonneesRecues(st_Sjis.Recu());
+    const std::size_t q = s_Sjis.find("\nFrom: ") + 7;
+    DecodeQP(s_Sjis.substr(q, s_Sjis.find("\n\t<", q) - q).c_str(), "UTF-8", pc_Nom, sizeof pc_Nom);
+    EXPECT_EQ(std::string(pc_Nom), "\"" + s_Kanji + "\"") << s_Sjis;
 }
 
 // ATTENTE second of three: the run stops there with 75; the mailbox met

@@ -121,6 +121,16 @@ TEST(EncodeQP, CoupureMotsBornesEtAllerRetour) {
         EXPECT_EQ(s_Sortie.find("?Q?" "?="), std::string::npos) << s_Sortie;
         EXPECT_EQ(DQ(s_Sortie, "UTF-8", 1024, ""), s_Texte);
     }
+    // Out of room, a UTF-8 text ends on a whole character at every size:
+    // what is written decodes, word by word, to the start of the text.
+    const std::string s_Utf8 = "\"a" + std::string("\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80") + "b \xD0\x96\"";
+    std::string s_Long;
+    for (int i = 0; i < 12; i++) s_Long += s_Utf8;
+    for (std::size_t t = 20; t < 220; t++) {
+        std::string s_Mots = EQ(s_Long, "utf-8", t);
+        std::string s_Decode = DQ(s_Mots.substr(0, s_Mots.find_last_of('=') + 1), "UTF-8", 1024, "");
+        EXPECT_EQ(s_Long.rfind(s_Decode, 0), 0u) << t << ": " << s_Mots;
+    }
 }
 
 // A full output keeps the whole characters that fit; on failure conv_jc
