@@ -281,13 +281,22 @@ Entete *RecupLigneEntete(Entete *pet_Liste, const char *pc_Nom) {
     return RecupEntete(pet_Liste, pc_Nom);
 }
 
-// Value of the first matching header past blanks and tabs, or the shared "\n".
+// Value of the first matching header past the white space that opens it,
+// or the shared "\n".  A value that starts on a continuation line
+// ("From:\n\tJean <j@x>", "Auto-Submitted:\r\n auto-replied") is read from
+// there: the fold is white space like the blanks, and taking such a value
+// for an empty one would drop the sender's From, add a second Reply-to or
+// answer a robot.
 const char *RecupValeurEntete(Entete *pet_Liste, const char *pc_Nom) {
     Entete *pet = RecupEntete(pet_Liste, pc_Nom);
     if (pet == nullptr) return PC_VALEUR_ABSENTE;
     const char *pc = pet->pc_Ligne + strlen(pc_Nom);
-    while (*pc == ' ' || *pc == '\t') pc++;
-    return pc;
+    for (;;) {
+        while (*pc == ' ' || *pc == '\t') pc++;
+        const char *pc_Suite = pc[0] == '\n' ? pc + 1 : pc[0] == '\r' && pc[1] == '\n' ? pc + 2 : nullptr;
+        if (pc_Suite == nullptr || (*pc_Suite != ' ' && *pc_Suite != '\t')) return pc;
+        pc = pc_Suite;
+    }
 }
 
 // Copies the text between the first run of opening delimiters and the next

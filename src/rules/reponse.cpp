@@ -103,14 +103,6 @@ void AjouteLigne(Entete **ppet_Curseur, const char *pc_Format, ...) {
     ChargeLigne(ppet_Curseur, pc_Ligne, 0);
 }
 
-// A field's value from its first visible character: a value folded onto
-// its next line ("Auto-Submitted:\n\tauto-replied") is not empty, and a
-// robot that folds it must not be answered.
-const char *ValeurDepliee(const char *pc) {
-    while (*pc == '\n' || *pc == '\r' || *pc == ' ' || *pc == '\t') pc++;
-    return pc;
-}
-
 // The guards, in their order, with the log line of the one that stops the
 // reply; 0 when the reply is to be suppressed.
 int ReponsePermise(Entete *pet_Entete, const char *pc_Corps, const char *pc_Jeton) {
@@ -187,11 +179,11 @@ int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Deta
         if (pc_Entree[0] != '\0' && _expjok(pc_Entree, pc_Emetteur)) return 2716;
     }
     *ppc_Detail = "";
-    const char *pc_Auto = ValeurDepliee(RecupValeurEntete(pet_Entete, "Auto-Submitted:"));
+    const char *pc_Auto = RecupValeurEntete(pet_Entete, "Auto-Submitted:");
     if (!LigneEnteteVide(pc_Auto) && strncasecmp(pc_Auto, "no", 2) != 0) return 2725;
     if (RecupEntete(pet_Entete, "list-") != nullptr || RecupEntete(pet_Entete, "X-list-") != nullptr)
         return 2735;
-    const char *pc_Precedence = ValeurDepliee(RecupValeurEntete(pet_Entete, "Precedence:"));
+    const char *pc_Precedence = RecupValeurEntete(pet_Entete, "Precedence:");
     if (!LigneEnteteVide(pc_Precedence))
         for (const char *pc_Mot : tpc_Precedences)
             if (strncasecmp(pc_Precedence, pc_Mot, strlen(pc_Mot)) == 0) {
@@ -199,7 +191,7 @@ int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Deta
                 return 2751;
             }
     if (pc_Corps == nullptr || pc_Corps[0] == '\0') return GARDE_CORPS_VIDE;
-    if (strncasecmp(ValeurDepliee(RecupValeurEntete(pet_Entete, "X-Spam-Flag:")), "yes", 3) == 0)
+    if (strncasecmp(RecupValeurEntete(pet_Entete, "X-Spam-Flag:"), "yes", 3) == 0)
         return 2773;
     if (RecupLigneEntete(pet_Entete, "X-Loop: REMISE-VORANE,") != nullptr) return 2793;
     return GARDE_AUCUNE;

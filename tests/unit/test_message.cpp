@@ -82,14 +82,18 @@ TEST(LitEntete, NoeudsEtReste) {
 }
 
 // Lookups by field-name prefix in any case, going on from a node; values
-// keep continuations; empty lines told apart, a text cut at its first one.
+// keep continuations, and one that starts on a continuation line is read
+// from there; empty lines told apart, a text cut at its first one.
 TEST(Recherches, PrefixeSansCasseEtLignesVides) {
-    Entete *pet = LitDepuis("Received: 1\nTo-Do: 2\nTO: d@x\nSubject: a\n b\nReceived: 3\n\n");
+    Entete *pet = LitDepuis("Received: 1\nTo-Do: 2\nTO: d@x\nSubject: a\n b\nReceived: 3\n"
+                            "From:\n\tJ <j@x>\nReply-To: \r\n r@x\nCc:\n\n");
     EXPECT_STREQ(RecupEntete(pet, "to:")->pc_Ligne, "TO: d@x\n");
     Entete *pet_Suite = RecupEntete(pet, "received:")->pet_Suivant;
     EXPECT_STREQ(RecupEntete(pet_Suite, "Received:")->pc_Ligne, "Received: 3\n");
     EXPECT_STREQ(RecupValeurEntete(pet, "subject:"), "a\n b\n");
     EXPECT_STREQ(RecupValeurEntete(pet, "Cc:"), "\n");
+    EXPECT_STREQ(RecupValeurEntete(pet, "from:"), "J <j@x>\n");
+    EXPECT_STREQ(RecupValeurEntete(pet, "reply-to:"), "r@x\n");
     const char *tpc[] = {nullptr, "", "\nx", "\r\n", "\r\nx"};
     for (int i = 0; i < 5; i++) EXPECT_EQ(LigneEnteteVide(tpc[i]), i < 4 ? i + 1 : 0) << i;
     std::string s = "a\nb\n\nc\n\n";
