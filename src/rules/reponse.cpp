@@ -165,6 +165,17 @@ void LigneSujet(Entete **ppet_Curseur, Entete *pet_Entete, const char *pc_Libell
     AjouteLigne(ppet_Curseur, "Subject: %s\n", pc_Encode);
 }
 
+// What the test makes of the first field of that name it accepts, or null.
+// Every field of the name is tried: a message may carry one twice (a relay
+// or a list adds its own), and a robot's second "Auto-Submitted" or
+// "Precedence: bulk" stops the reply as well as its first.
+const char *ChampRetenu(Entete *pet_Entete, const char *pc_Nom, const char *(*Test)(const char *)) {
+    for (Entete *pet = RecupEntete(pet_Entete, pc_Nom); pet != nullptr;
+         pet = RecupEntete(pet->pet_Suivant, pc_Nom))
+        if (const char *pc = Test(RecupValeurEntete(pet, pc_Nom)); pc != nullptr) return pc;
+    return nullptr;
+}
+
 }  // namespace
 
 // The first guard that stops a reply to the header (the header alone, its
@@ -179,19 +190,23 @@ int GardeReponse(Entete *pet_Entete, const char *pc_Corps, const char **ppc_Deta
         if (pc_Entree[0] != '\0' && _expjok(pc_Entree, pc_Emetteur)) return 2716;
     }
     *ppc_Detail = "";
-    const char *pc_Auto = RecupValeurEntete(pet_Entete, "Auto-Submitted:");
-    if (!LigneEnteteVide(pc_Auto) && strncasecmp(pc_Auto, "no", 2) != 0) return 2725;
+    if (ChampRetenu(pet_Entete, "Auto-Submitted:", [](const char *pc) -> const char * {
+            return !LigneEnteteVide(pc) && strncasecmp(pc, "no", 2) != 0 ? "" : nullptr;
+        }) != nullptr)
+        return 2725;
     if (RecupEntete(pet_Entete, "list-") != nullptr || RecupEntete(pet_Entete, "X-list-") != nullptr)
         return 2735;
-    const char *pc_Precedence = RecupValeurEntete(pet_Entete, "Precedence:");
-    if (!LigneEnteteVide(pc_Precedence))
+    *ppc_Detail = ChampRetenu(pet_Entete, "Precedence:", [](const char *pc) -> const char * {
         for (const char *pc_Mot : tpc_Precedences)
-            if (strncasecmp(pc_Precedence, pc_Mot, strlen(pc_Mot)) == 0) {
-                *ppc_Detail = pc_Mot;
-                return 2751;
-            }
+            if (strncasecmp(pc, pc_Mot, strlen(pc_Mot)) == 0) return pc_Mot;
+        return nullptr;
+    });
+    if (*ppc_Detail != nullptr) return 2751;
+    *ppc_Detail = "";
     if (pc_Corps == nullptr || pc_Corps[0] == '\0') return GARDE_CORPS_VIDE;
-    if (strncasecmp(RecupValeurEntete(pet_Entete, "X-Spam-Flag:"), "yes", 3) == 0)
+    if (ChampRetenu(pet_Entete, "X-Spam-Flag:", [](const char *pc) -> const char * {
+            return strncasecmp(pc, "yes", 3) == 0 ? "" : nullptr;
+        }) != nullptr)
         return 2773;
     if (RecupLigneEntete(pet_Entete, "X-Loop: REMISE-VORANE,") != nullptr) return 2793;
     return GARDE_AUCUNE;

@@ -496,8 +496,8 @@ TEST_F(Remise, FromHostileSansInjection) {
     }
 }
 
-// Each guard suppresses the automatic reply on its own, a folded value
-// included; the counter-cases are answered.  The recipient's kind is NULL: nothing else is submitted.
+// Each guard suppresses the automatic reply on its own, a folded value and
+// a field's second occurrence included; the counter-cases are answered.  The recipient's kind is NULL: nothing else is submitted.
 TEST_F(Avis, GardesDesReponses) {
     const std::string EXT = "ext@partenaire.test";
     const struct {
@@ -510,9 +510,11 @@ TEST_F(Avis, GardesDesReponses) {
         {"nobody@partenaire.test", "", {}, false}, {"liste-owner@partenaire.test", "", {}, false},
         {"owner-liste@partenaire.test", "", {}, true}, {"@partenaire.test", "", {}, false},
         {"non-authentifie@autre.example", "", {}, false},
-        {EXT, "Auto-Submitted:\n auto-generated\n", {}, false}, {EXT, "Auto-Submitted: no\n", {}, true},
+        {EXT, "Auto-Submitted: no\nAuto-Submitted:\n auto-generated\n", {}, false},
+        {EXT, "Auto-Submitted: no\n", {}, true},
         {EXT, "List-Id: <l.partenaire.test>\n", {}, false}, {EXT, "X-List-Name: l\n", {}, false},
-        {EXT, "Precedence:\r\n\tjunk\n", {}, false}, {EXT, "X-Spam-Flag:\n YES\n", {}, false},
+        {EXT, "Precedence: normal\nPrecedence:\r\n\tjunk\n", {}, false},
+        {EXT, "X-Spam-Flag: NO\nX-Spam-Flag:\n YES\n", {}, false},
         {EXT, "X-Loop: REMISE-VORANE, <x>, <y>\n", {}, false},
     };
     for (const auto &c : t) {
